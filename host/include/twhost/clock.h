@@ -1,0 +1,67 @@
+// The host clock behind every timer of the reference host. Real time by default; a
+// manual clock makes tests and offline analysis deterministic.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace tw::host {
+
+class Clock {
+public:
+    virtual ~Clock() = default;
+    // Microseconds on this clock's monotonic time line.
+    virtual int64_t NowUs() = 0;
+    // Blocks until NowUs() >= deadlineUs (returns at once when it already is).
+    virtual void SleepUntilUs(int64_t deadlineUs) = 0;
+    // True for a clock whose time only moves when someone moves it.
+    virtual bool IsManual() const { return false; }
+};
+
+// CLOCK_MONOTONIC.
+class MonotonicClock : public Clock {
+public:
+    int64_t NowUs() override;
+    void SleepUntilUs(int64_t deadlineUs) override;
+};
+
+// Time moves only by Advance/SetNow, or by a sleeper when auto-advance is on (offline
+// analysis: whoever waits simply jumps to its deadline). Every wait is recorded so tests
+// can check what was waited for.
+class ManualClock : public Clock {
+public:
+    explicit ManualClock(int64_t startUs = 0, bool autoAdvance = false);
+    int64_t NowUs() override;
+    void SleepUntilUs(int64_t deadlineUs) override;
+    bool IsManual() const override { return true; }
+
+    void Advance(int64_t us);
+    void SetNowUs(int64_t us);
+    void SetAutoAdvance(bool on);
+    // Auto-advance stops at this time: a sleeper whose deadline lies beyond it returns at the
+    // limit instead, so an offline reader cannot run ahead of what is known. -1: no limit.
+    void SetAdvanceLimitUs(int64_t limitUs);
+    // Deadlines passed to SleepUntilUs, relative to the time of the call, in order.
+    std::vector<int64_t> TakeWaits();
+    // Blocks the calling (test) thread until at least n sleepers are waiting.
+    void WaitForSleepers(int n);
+
+private:
+    std::mutex m_Mutex;
+    std::condition_variable m_Cond;
+    int64_t m_NowUs;
+    bool m_blAutoAdvance;
+    int64_t m_AdvanceLimitUs = -1;
+    int m_Sleepers = 0;
+    std::vector<int64_t> m_Waits;
+};
+
+// The process-wide clock. SetClock(nullptr) restores the monotonic clock.
+Clock& GetClock();
+std::shared_ptr<Clock> GetClockPtr();
+void SetClock(std::shared_ptr<Clock> clock);
+
+}  // namespace tw::host

@@ -1,0 +1,83 @@
+// The plug-in as a recorder's daemon sees it: a shared library opened with dlopen, whose
+// entry points are resolved by their (Itanium C++ ABI) names, and detector handlers driven
+// through their records by function ID.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "interface/detectorhandler.h"
+#include "tw/handler.h"
+
+class Camera;
+class EventBuf;
+class StreamFifo;
+class FetcherBase;
+
+namespace tw::host {
+
+class PluginModule;
+
+// A DetectorHandler made and driven through the plug-in's resolved symbols.
+class DetectorHandlerProxy {
+public:
+    ~DetectorHandlerProxy();
+    DetectorHandlerProxy(const DetectorHandlerProxy&) = delete;
+    DetectorHandlerProxy& operator=(const DetectorHandlerProxy&) = delete;
+
+    void SetDetector(DPObjectBase* obj, int type);
+    int GetDetType();
+    void Release();
+    DetectorHandler* Get() { return m_pHandler; }
+    // The record registered under a function ID (null before the first SetDetector).
+    FunctorBase* Record(int id);
+
+    // Function IDs 0 to 4 of a detector, through the records.
+    int Start();
+    int Stop();
+    bool IsActivated();
+    bool IsShareEnabled();
+    void SetDetParam(const std::map<int, std::string>& params);
+
+private:
+    friend class PluginModule;
+    DetectorHandlerProxy(const PluginModule& module, DetectorHandler* handler);
+    const PluginModule& m_Module;
+    DetectorHandler* m_pHandler;
+};
+
+class PluginModule {
+public:
+    // Opens the library with RTLD_NOW and resolves every entry point; null and an error
+    // naming the path and the missing symbol on failure.
+    static std::unique_ptr<PluginModule> Load(const std::string& path, std::string& error);
+    // $TWHOST_PLUGIN, else libtwdevplugin.so in ../lib next to the running executable.
+    static std::string DefaultPath();
+    ~PluginModule();
+
+    DPObjectBase* TWMotionDetFactory(Camera* camera, EventBuf* eventBuf, StreamFifo* fifo,
+                                     FetcherBase* fetcher) const;
+    void ReleaseTWMotionDet(DPObjectBase*& obj) const;
+    std::map<int, MemFuncBase*>* GetTWMdFuncTable() const;
+    const char* ImgDiffDetHandlerName() const;
+    const char* DetectorHandlerName() const;
+    const char* LiveCamDetHandlerName() const;
+
+    std::unique_ptr<DetectorHandlerProxy> NewDetectorHandler() const;
+
+    // Any symbol of the plug-in by name, or null.
+    void* Symbol(const char* name) const;
+    const std::string& Path() const { return m_strPath; }
+
+    struct EntryPoints;
+
+private:
+    friend class DetectorHandlerProxy;
+    PluginModule() = default;
+    void* m_pHandle = nullptr;
+    std::string m_strPath;
+    std::unique_ptr<EntryPoints> m_pEntries;
+};
+
+}  // namespace tw::host

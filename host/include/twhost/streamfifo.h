@@ -1,0 +1,50 @@
+// Host-side control of the in-process stream FIFO (tw/stream.h): the producer pushes
+// demuxed blocks in, the detector takes the newest one out through the recorder's API.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "tw/stream.h"
+
+namespace tw::host {
+
+// Sets the elementary-stream format that GetESFormat hands out. The FIFO reports storage
+// (GetTotalBufSize non-zero) from the first call on.
+void SetFifoFormat(StreamFifo& fifo, int codec, int width, int height,
+                   std::vector<unsigned char> extra);
+
+// Appends one compressed frame; returns its block id (0 .. TW_FIFO_BLOCK_ID_MAX - 1,
+// wrapping). Old blocks fall out of the ring by count and by time span, but the newest key
+// block is kept however old it is, so a reader of key frames always finds one.
+int PushFifoBlock(StreamFifo& fifo, std::shared_ptr<const std::vector<unsigned char>> data,
+                  bool key, int64_t ptsUs);
+
+// Bounds of the ring: at most maxBlocks blocks, and no block older than maxSpanUs behind the
+// newest (by pts). Defaults: 256 blocks, 2 s.
+void SetFifoLimits(StreamFifo& fifo, size_t maxBlocks, int64_t maxSpanUs);
+
+// Called at the start of every GetLastBlock, GetLastITypeBlock and GetTotalBufSize, on the
+// reader's thread, so a virtual-time source can fill the FIFO up to "now" lazily. Calls are
+// serialised. SetFifoPuller waits for a running call to finish, so after it returns the old
+// puller is never called again; a puller must therefore not call SetFifoPuller itself.
+// An empty function removes the puller.
+void SetFifoPuller(StreamFifo& fifo, std::function<void()> puller);
+
+// Drops every block (the format stays). Block ids go on where they were.
+void ClearFifo(StreamFifo& fifo);
+
+struct FifoStats {
+    uint64_t blocksPushed = 0;      // PushFifoBlock calls
+    uint64_t keyBlocksPushed = 0;
+    uint64_t blocksHandedOut = 0;   // MediaUnits returned by GetLastBlock/GetLastITypeBlock
+    uint64_t pullerCalls = 0;
+    size_t blocksHeld = 0;          // blocks in the ring now
+    int lastId = -1;                // id of the newest block, -1 before the first
+};
+FifoStats GetFifoStats(StreamFifo& fifo);
+
+}  // namespace tw::host

@@ -1,0 +1,640 @@
+// Picture decoding of the reference host: libjpeg-turbo for JPEG cameras, libavcodec and
+// libswscale for every other codec. The motion detector hands us one compressed frame
+// every 300 ms and wants a small picture back at once, so everything here is built for
+// "one frame in, its picture out, now".
+
+#include "tw/decode.h"
+
+#include "tw/camera.h"
+#include "twhost/decodeerror.h"
+
+#include <csetjmp>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <malloc.h>
+
+#include <jerror.h>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/error.h>
+#include <libavutil/frame.h>
+#include <libavutil/pixdesc.h>
+#include <libavutil/pixfmt.h>
+#include <libswscale/swscale.h>
+}
+
+namespace tw::host {
+namespace {
+
+// Enough for libjpeg's longest message (JMSG_LENGTH_MAX) behind our own prefix.
+constexpr size_t kErrorTextSize = 512;
+thread_local char t_szLastError[kErrorTextSize];
+
+void SetDecodeError(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void SetDecodeError(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    vsnprintf(t_szLastError, sizeof(t_szLastError), format, args);
+    va_end(args);
+}
+
+// A camera picture never comes near this; a corrupt header claiming 65000 x 65000 pixels
+// must not make us allocate gigabytes before the data runs out.
+constexpr size_t kMaxPictureBytes = size_t(1) << 28;
+constexpr int kMaxScaleEdge = 16384;
+
+// Callers hand the same buffer back on every frame and only know it came from malloc, so
+// its real capacity is asked of the allocator rather than trusted from their size field.
+// A buffer that is too small is replaced without copying: its old contents are dead.
+bool EnsureBuffer(unsigned char*& buffer, size_t need)
+{
+    if (need == 0) {
+        need = 1;
+    }
+    if (buffer != nullptr && malloc_usable_size(buffer) >= need) {
+        return true;
+    }
+    auto* fresh = static_cast<unsigned char*>(malloc(need));
+    if (fresh == nullptr) {
+        return false;   // the old buffer stays valid for the caller to free
+    }
+    free(buffer);
+    buffer = fresh;
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------
+// JPEG
+
+// libjpeg reports fatal errors through error_exit, whose default ends the process. We jump
+// back to the decoding call instead. Warnings that mean the entropy-coded data is damaged
+// or cut short are treated as errors too: libjpeg would pad the picture with grey and call
+// it a success, and a half-grey picture compared with the background is a false motion.
+struct JpegErrorMgr {
+    jpeg_error_mgr pub;
+    jmp_buf jump;
+};
+
+void JpegRecordMessage(j_common_ptr pInfo)
+{
+    char szMessage[JMSG_LENGTH_MAX];
+    (*pInfo->err->format_message)(pInfo, szMessage);
+    SetDecodeError("DecodeJpeg: %s", szMessage);
+}
+
+[[noreturn]] void JpegErrorExit(j_common_ptr pInfo)
+{
+    JpegRecordMessage(pInfo);
+    longjmp(reinterpret_cast<JpegErrorMgr*>(pInfo->err)->jump, 1);
+}
+
+bool IsDamageWarning(int code)
+{
+    switch (code) {
+    case JWRN_ARITH_BAD_CODE:
+    case JWRN_BOGUS_PROGRESSION:
+    case JWRN_EXTRANEOUS_DATA:
+    case JWRN_HIT_MARKER:
+    case JWRN_HUFF_BAD_CODE:
+    case JWRN_JPEG_EOF:
+    case JWRN_MUST_RESYNC:
+    case JWRN_NOT_SEQUENTIAL:
+        return true;
+    default:
+        return false;
+    }
+}
+
+void JpegEmitMessage(j_common_ptr pInfo, int msgLevel)
+{
+    if (msgLevel >= 0) {
+        return;   // trace messages
+    }
+    pInfo->err->num_warnings++;
+    if (IsDamageWarning(pInfo->err->msg_code)) {
+        JpegErrorExit(pInfo);
+    }
+}
+
+void JpegOutputMessage(j_common_ptr) {}
+
+struct JpegJob {
+    const unsigned char* pData;
+    unsigned long size;
+    unsigned char** ppOut;
+    J_COLOR_SPACE space;
+    unsigned int scale;
+    int components;
+    // results
+    int outSize;
+    int width;
+    int height;
+};
+
+// Writes the 2 x 2 means of a pair of 1/8-scaled scanlines into one output row.
+void AverageRowPair(const JSAMPLE* pTop, const JSAMPLE* pBottom, unsigned char* pOut,
+                    int outWidth, int components)
+{
+    for (int x = 0; x < outWidth; ++x) {
+        const int left = 2 * x * components;
+        const int right = left + components;
+        for (int c = 0; c < components; ++c) {
+            const unsigned sum = pTop[left + c] + pTop[right + c] + pBottom[left + c] +
+                                 pBottom[right + c];
+            pOut[x * components + c] = static_cast<unsigned char>((sum + 2) >> 2);
+        }
+    }
+}
+
+void ReadScanlinesTo(j_decompress_ptr pInfo, JSAMPROW pRow)
+{
+    while (jpeg_read_scanlines(pInfo, &pRow, 1) != 1) {
+        // A suspending source would return 0; the memory source never suspends, but a
+        // loop that could spin forever is not acceptable either.
+        ERREXIT(pInfo, JERR_INPUT_EMPTY);
+    }
+}
+
+// Everything that can longjmp lives here. The job is reached through a pointer, so its
+// fields are in memory (not registers) whenever libjpeg jumps back.
+int RunJpegDecode(JpegJob* pJob)
+{
+    jpeg_decompress_struct info;
+    // jpeg_create_decompress checks the version before it clears the structure; a cleared
+    // structure keeps jpeg_destroy_decompress safe even if that first check fails.
+    memset(&info, 0, sizeof(info));
+    JpegErrorMgr err;
+    info.err = jpeg_std_error(&err.pub);
+    err.pub.error_exit = JpegErrorExit;
+    err.pub.emit_message = JpegEmitMessage;
+    err.pub.output_message = JpegOutputMessage;
+
+    if (setjmp(err.jump) != 0) {
+        jpeg_destroy_decompress(&info);
+        return -1;
+    }
+
+    jpeg_create_decompress(&info);
+    jpeg_mem_src(&info, pJob->pData, pJob->size);
+    jpeg_read_header(&info, TRUE);
+
+    info.out_color_space = pJob->space;
+    info.scale_num = 1;
+    info.scale_denom = pJob->scale > 8 ? 8 : pJob->scale;
+    jpeg_calc_output_dimensions(&info);
+
+    const int components = pJob->components;
+    const int decodedWidth = static_cast<int>(info.output_width);
+    const int decodedHeight = static_cast<int>(info.output_height);
+    const bool blHalve = pJob->scale == 16;
+    const int outWidth = blHalve ? decodedWidth / 2 : decodedWidth;
+    const int outHeight = blHalve ? decodedHeight / 2 : decodedHeight;
+    if (outWidth < 1 || outHeight < 1) {
+        SetDecodeError("DecodeJpeg: %ux%u picture is too small for scale 1/%u",
+                       info.image_width, info.image_height, pJob->scale);
+        jpeg_destroy_decompress(&info);
+        return -1;
+    }
+    const size_t outBytes = size_t(outWidth) * size_t(outHeight) * size_t(components);
+    if (outBytes > kMaxPictureBytes) {
+        SetDecodeError("DecodeJpeg: %ux%u picture is too large", info.image_width,
+                       info.image_height);
+        jpeg_destroy_decompress(&info);
+        return -1;
+    }
+    if (!EnsureBuffer(*pJob->ppOut, outBytes)) {
+        SetDecodeError("DecodeJpeg: out of memory for %zu bytes", outBytes);
+        jpeg_destroy_decompress(&info);
+        return -1;
+    }
+    unsigned char* pOut = *pJob->ppOut;
+
+    jpeg_start_decompress(&info);
+    const size_t rowBytes = size_t(decodedWidth) * size_t(components);
+    if (blHalve) {
+        // Row pair buffer from libjpeg's image pool: a jump out of here cannot leak it.
+        JSAMPARRAY pRows = (*info.mem->alloc_sarray)(reinterpret_cast<j_common_ptr>(&info),
+                                                     JPOOL_IMAGE,
+                                                     static_cast<JDIMENSION>(rowBytes), 2);
+        const size_t outRowBytes = size_t(outWidth) * size_t(components);
+        for (int y = 0; y < outHeight; ++y) {
+            ReadScanlinesTo(&info, pRows[0]);
+            ReadScanlinesTo(&info, pRows[1]);
+            AverageRowPair(pRows[0], pRows[1], pOut + size_t(y) * outRowBytes, outWidth,
+                           components);
+        }
+        // An odd last row has no partner; libjpeg still wants it read before finishing.
+        while (info.output_scanline < info.output_height) {
+            ReadScanlinesTo(&info, pRows[0]);
+        }
+    } else {
+        while (info.output_scanline < info.output_height) {
+            JSAMPROW pRow = pOut + size_t(info.output_scanline) * rowBytes;
+            ReadScanlinesTo(&info, pRow);
+        }
+    }
+    // Finishing reads up to the end marker, which is where a cut-short picture shows.
+    jpeg_finish_decompress(&info);
+    jpeg_destroy_decompress(&info);
+
+    pJob->outSize = static_cast<int>(outBytes);
+    pJob->width = outWidth;
+    pJob->height = outHeight;
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------
+// FFmpeg
+
+AVCodecID CodecIdOf(int codec)
+{
+    switch (codec) {
+    case VIDEO_CODEC_JPEG:
+        return AV_CODEC_ID_MJPEG;
+    case VIDEO_CODEC_MPEG4:
+        return AV_CODEC_ID_MPEG4;
+    case VIDEO_CODEC_H264:
+        return AV_CODEC_ID_H264;
+    case VIDEO_CODEC_HEVC:
+        return AV_CODEC_ID_HEVC;
+    default:
+        return AV_CODEC_ID_NONE;
+    }
+}
+
+const char* AvErrorText(int error, char* szBuf, size_t size)
+{
+    av_strerror(error, szBuf, size);
+    return szBuf;
+}
+
+// Opens a decoder context. flags and flags2 are set before opening because some decoders
+// read them only then.
+AVCodecContext* OpenDecoder(int codec, const unsigned char* extra, int extraLen, int flags,
+                            int flags2)
+{
+    const AVCodecID id = CodecIdOf(codec);
+    if (id == AV_CODEC_ID_NONE) {
+        SetDecodeError("DoFFMpegInitVideo: unknown video codec type %d", codec);
+        return nullptr;
+    }
+    const AVCodec* pCodec = avcodec_find_decoder(id);
+    if (pCodec == nullptr) {
+        SetDecodeError("DoFFMpegInitVideo: no %s decoder in this libavcodec",
+                       avcodec_get_name(id));
+        return nullptr;
+    }
+    AVCodecContext* pCtx = avcodec_alloc_context3(pCodec);
+    if (pCtx == nullptr) {
+        SetDecodeError("DoFFMpegInitVideo: out of memory for the %s decoder", pCodec->name);
+        return nullptr;
+    }
+    if (extra != nullptr && extraLen > 0) {
+        // Bitstream readers may look up to the padding size past the end.
+        pCtx->extradata = static_cast<uint8_t*>(
+            av_mallocz(size_t(extraLen) + AV_INPUT_BUFFER_PADDING_SIZE));
+        if (pCtx->extradata == nullptr) {
+            SetDecodeError("DoFFMpegInitVideo: out of memory for %d bytes of extra data",
+                           extraLen);
+            avcodec_free_context(&pCtx);
+            return nullptr;
+        }
+        memcpy(pCtx->extradata, extra, size_t(extraLen));
+        pCtx->extradata_size = extraLen;
+    }
+    pCtx->flags = flags;
+    pCtx->flags2 = flags2;
+    // Frame threading delays every picture by one frame per thread, which would break
+    // "a key frame gives its picture in the same call". Slices of one picture can still be
+    // decoded in parallel; the thread count is left to libavcodec (one per core).
+    pCtx->thread_type = FF_THREAD_SLICE;
+    pCtx->thread_count = 0;
+    const int ret = avcodec_open2(pCtx, pCodec, nullptr);
+    if (ret < 0) {
+        char szErr[AV_ERROR_MAX_STRING_SIZE];
+        SetDecodeError("DoFFMpegInitVideo: cannot open the %s decoder: %s", pCodec->name,
+                       AvErrorText(ret, szErr, sizeof(szErr)));
+        avcodec_free_context(&pCtx);
+        return nullptr;
+    }
+    return pCtx;
+}
+
+// Takes every picture the decoder has ready and keeps the newest in pKeep.
+// Returns 1 when a picture was taken, 0 when none was ready (EAGAIN or end of the drain),
+// or a negative libavcodec error.
+int ReceiveNewest(AVCodecContext* pCtx, AVFrame* pScratch, AVFrame* pKeep)
+{
+    int got = 0;
+    for (;;) {
+        const int ret = avcodec_receive_frame(pCtx, pScratch);
+        if (ret == AVERROR(EAGAIN) || ret == AVERROR_EOF) {
+            return got;
+        }
+        if (ret < 0) {
+            return ret;
+        }
+        av_frame_unref(pKeep);
+        av_frame_move_ref(pKeep, pScratch);
+        got = 1;
+    }
+}
+
+// The J formats are YUV with full range; libswscale wants the plain format and the range
+// given separately (and warns about the J formats).
+AVPixelFormat PlainPixelFormat(AVPixelFormat format, bool& blFullRange)
+{
+    blFullRange = true;
+    switch (format) {
+    case AV_PIX_FMT_YUVJ420P:
+        return AV_PIX_FMT_YUV420P;
+    case AV_PIX_FMT_YUVJ422P:
+        return AV_PIX_FMT_YUV422P;
+    case AV_PIX_FMT_YUVJ444P:
+        return AV_PIX_FMT_YUV444P;
+    case AV_PIX_FMT_YUVJ440P:
+        return AV_PIX_FMT_YUV440P;
+    case AV_PIX_FMT_YUVJ411P:
+        return AV_PIX_FMT_YUV411P;
+    default:
+        blFullRange = false;
+        return format;
+    }
+}
+
+}  // namespace
+
+const char* LastDecodeError()
+{
+    return t_szLastError;
+}
+
+}  // namespace tw::host
+
+using tw::host::SetDecodeError;
+
+int DecodeJpeg(const unsigned char* data, int size, unsigned char** out, int& outSize,
+               J_COLOR_SPACE space, unsigned int scale, int& width, int& height)
+{
+    if (out == nullptr) {
+        SetDecodeError("DecodeJpeg: no output buffer pointer");
+        return -1;
+    }
+    if (data == nullptr || size < 4) {
+        SetDecodeError("DecodeJpeg: %d bytes are no JPEG picture", data == nullptr ? 0 : size);
+        return -1;
+    }
+    int components = 0;
+    if (space == JCS_GRAYSCALE) {
+        components = 1;
+    } else if (space == JCS_RGB) {
+        components = 3;
+    } else {
+        SetDecodeError("DecodeJpeg: unsupported output colour space %d", int(space));
+        return -1;
+    }
+    if (scale != 1 && scale != 2 && scale != 4 && scale != 8 && scale != 16) {
+        SetDecodeError("DecodeJpeg: unsupported scale 1/%u (1, 2, 4, 8 or 16)", scale);
+        return -1;
+    }
+
+    tw::host::JpegJob job{};
+    job.pData = data;
+    job.size = static_cast<unsigned long>(size);
+    job.ppOut = out;
+    job.space = space;
+    job.scale = scale;
+    job.components = components;
+    if (tw::host::RunJpegDecode(&job) != 0) {
+        return -1;
+    }
+    outSize = job.outSize;
+    width = job.width;
+    height = job.height;
+    return 0;
+}
+
+int DoFFMpegInitVideo(FFmpegAttr& attr, int codec, const unsigned char* extra, int extraLen)
+{
+    // The caller's record may hold anything; everything we own starts from nothing.
+    attr = FFmpegAttr{};
+    attr.codec = codec;
+    if (extraLen < 0 || (extraLen > 0 && extra == nullptr)) {
+        SetDecodeError("DoFFMpegInitVideo: bad extra data (%d bytes)", extraLen);
+        return -1;
+    }
+    attr.pCodecCtx = tw::host::OpenDecoder(codec, extra, extraLen, 0, 0);
+    if (attr.pCodecCtx == nullptr) {
+        return -1;
+    }
+    attr.pFrame = av_frame_alloc();
+    attr.pPacket = av_packet_alloc();
+    if (attr.pFrame == nullptr || attr.pPacket == nullptr) {
+        SetDecodeError("DoFFMpegInitVideo: out of memory");
+        return -1;   // DoFFMpegFree releases what was made
+    }
+    return 0;
+}
+
+int DoFFMpegResetContext(FFmpegAttr& attr)
+{
+    int flags = 0;
+    int flags2 = 0;
+    if (attr.pCodecCtx != nullptr) {
+        flags = attr.pCodecCtx->flags;
+        flags2 = attr.pCodecCtx->flags2;
+    } else if (tw::host::CodecIdOf(attr.codec) == AV_CODEC_ID_NONE) {
+        SetDecodeError("DoFFMpegResetContext: decoder was never initialised");
+        return -1;
+    }
+    // Our streams repeat their parameter sets in every key frame, so the new context needs
+    // no extra data. The old context stays in place until the new one is open, so a failed
+    // reset leaves a working decoder behind.
+    AVCodecContext* pFresh = tw::host::OpenDecoder(attr.codec, nullptr, 0, flags, flags2);
+    if (pFresh == nullptr) {
+        return -1;
+    }
+    avcodec_free_context(&attr.pCodecCtx);
+    attr.pCodecCtx = pFresh;
+    if (attr.pFrame == nullptr) {
+        attr.pFrame = av_frame_alloc();
+    } else {
+        av_frame_unref(attr.pFrame);
+    }
+    if (attr.pPacket == nullptr) {
+        attr.pPacket = av_packet_alloc();
+    }
+    attr.blHasPicture = 0;
+    if (attr.pFrame == nullptr || attr.pPacket == nullptr) {
+        SetDecodeError("DoFFMpegResetContext: out of memory");
+        return -1;
+    }
+    return 0;
+}
+
+int DoFFMpegDecode(FFmpegAttr& attr, const unsigned char* data, int size)
+{
+    AVCodecContext* pCtx = attr.pCodecCtx;
+    if (pCtx == nullptr || attr.pFrame == nullptr || attr.pPacket == nullptr) {
+        SetDecodeError("DoFFMpegDecode: decoder is not initialised");
+        return -1;
+    }
+    if (data == nullptr || size < 1) {
+        SetDecodeError("DoFFMpegDecode: empty frame (%d bytes)", data == nullptr ? 0 : size);
+        return -1;
+    }
+    // A failed call must not leave an older picture behind for the scaler.
+    attr.blHasPicture = 0;
+    av_frame_unref(attr.pFrame);
+
+    // The FIFO's frame is not padded as the bitstream readers need, so it is copied.
+    AVPacket* pPacket = attr.pPacket;
+    av_packet_unref(pPacket);
+    if (av_new_packet(pPacket, size) < 0) {
+        SetDecodeError("DoFFMpegDecode: out of memory for %d bytes", size);
+        return -1;
+    }
+    memcpy(pPacket->data, data, size_t(size));
+
+    AVFrame* pScratch = av_frame_alloc();
+    if (pScratch == nullptr) {
+        av_packet_unref(pPacket);
+        SetDecodeError("DoFFMpegDecode: out of memory");
+        return -1;
+    }
+    char szErr[AV_ERROR_MAX_STRING_SIZE];
+    int ret = avcodec_send_packet(pCtx, pPacket);
+    if (ret == AVERROR(EAGAIN)) {
+        // Pictures of an earlier frame are still waiting; they are older than this one.
+        tw::host::ReceiveNewest(pCtx, pScratch, attr.pFrame);
+        av_frame_unref(attr.pFrame);
+        ret = avcodec_send_packet(pCtx, pPacket);
+    }
+    av_packet_unref(pPacket);
+
+    int got = 0;
+    if (ret < 0) {
+        SetDecodeError("DoFFMpegDecode: %s rejected %d bytes: %s", pCtx->codec->name, size,
+                       tw::host::AvErrorText(ret, szErr, sizeof(szErr)));
+        avcodec_flush_buffers(pCtx);
+    } else {
+        got = tw::host::ReceiveNewest(pCtx, pScratch, attr.pFrame);
+        if (got == 0) {
+            // A decoder with reordering delay (B-frames) holds the picture back until later
+            // frames arrive, and we only hand it key frames 300 ms apart. Draining makes it
+            // give the picture up now; flushing then lets it take the next frame.
+            if (avcodec_send_packet(pCtx, nullptr) >= 0) {
+                got = tw::host::ReceiveNewest(pCtx, pScratch, attr.pFrame);
+            }
+            avcodec_flush_buffers(pCtx);
+            if (got == 0) {
+                SetDecodeError("DoFFMpegDecode: %s gave no picture for %d bytes",
+                               pCtx->codec->name, size);
+            }
+        }
+        if (got < 0) {
+            SetDecodeError("DoFFMpegDecode: %s failed on %d bytes: %s", pCtx->codec->name,
+                           size, tw::host::AvErrorText(got, szErr, sizeof(szErr)));
+            avcodec_flush_buffers(pCtx);
+        }
+    }
+    av_frame_free(&pScratch);
+
+    if (got <= 0 || attr.pFrame->width < 1 || attr.pFrame->height < 1) {
+        av_frame_unref(attr.pFrame);
+        return -1;
+    }
+    attr.blHasPicture = 1;
+    return 0;
+}
+
+int DoFFMpegScale(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& width, int& height,
+                  int flags)
+{
+    if (!attr.blHasPicture || attr.pFrame == nullptr || attr.pFrame->width < 1 ||
+        attr.pFrame->height < 1) {
+        SetDecodeError("DoFFMpegScale: no decoded picture to scale");
+        return -1;
+    }
+    if (width < 1 || height < 1 || width > tw::host::kMaxScaleEdge ||
+        height > tw::host::kMaxScaleEdge) {
+        SetDecodeError("DoFFMpegScale: bad target size %dx%d", width, height);
+        return -1;
+    }
+    const AVFrame* pFrame = attr.pFrame;
+    // Area averaging: the detector shrinks pictures by factors of 5 to 20, and averaging
+    // every source pixel into its target pixel is what keeps sensor noise and fine texture
+    // from aliasing into false differences. It is also the cheapest filter that looks at
+    // every source pixel (bilinear widens to twice as many taps at these factors).
+    const int swsFlags = flags != 0 ? flags : SWS_AREA;
+
+    if (attr.pSwsCtx == nullptr || attr.swsSrcWidth != pFrame->width ||
+        attr.swsSrcHeight != pFrame->height || attr.swsSrcFormat != pFrame->format ||
+        attr.swsDstWidth != width || attr.swsDstHeight != height || attr.swsFlags != swsFlags) {
+        sws_freeContext(attr.pSwsCtx);
+        attr.pSwsCtx = nullptr;
+        bool blFullRange = false;
+        const AVPixelFormat srcFormat =
+            tw::host::PlainPixelFormat(static_cast<AVPixelFormat>(pFrame->format), blFullRange);
+        if (pFrame->color_range == AVCOL_RANGE_JPEG) {
+            blFullRange = true;
+        }
+        attr.pSwsCtx = sws_getContext(pFrame->width, pFrame->height, srcFormat, width, height,
+                                      AV_PIX_FMT_RGB24, swsFlags, nullptr, nullptr, nullptr);
+        if (attr.pSwsCtx == nullptr) {
+            const char* szFormat = av_get_pix_fmt_name(srcFormat);
+            SetDecodeError("DoFFMpegScale: cannot scale %dx%d %s to %dx%d (flags 0x%x)",
+                           pFrame->width, pFrame->height, szFormat ? szFormat : "?", width,
+                           height, swsFlags);
+            return -1;
+        }
+        // Colour matrix and range of the stream, taken when the scaler is built: they do
+        // not change within a stream without its size or format changing as well.
+        const int colorspace =
+            (pFrame->colorspace == AVCOL_SPC_UNSPECIFIED || pFrame->colorspace == AVCOL_SPC_RGB)
+                ? SWS_CS_DEFAULT
+                : int(pFrame->colorspace);
+        sws_setColorspaceDetails(attr.pSwsCtx, sws_getCoefficients(colorspace),
+                                 blFullRange ? 1 : 0, sws_getCoefficients(SWS_CS_DEFAULT), 1, 0,
+                                 1 << 16, 1 << 16);
+        attr.swsSrcWidth = pFrame->width;
+        attr.swsSrcHeight = pFrame->height;
+        attr.swsSrcFormat = pFrame->format;
+        attr.swsDstWidth = width;
+        attr.swsDstHeight = height;
+        attr.swsFlags = swsFlags;
+    }
+
+    const size_t bytes = size_t(width) * size_t(height) * 3;
+    if (!tw::host::EnsureBuffer(out, bytes)) {
+        SetDecodeError("DoFFMpegScale: out of memory for %zu bytes", bytes);
+        return -1;
+    }
+    uint8_t* dst[4] = {out, nullptr, nullptr, nullptr};
+    int dstStride[4] = {width * 3, 0, 0, 0};
+    const int rows = sws_scale(attr.pSwsCtx, pFrame->data, pFrame->linesize, 0, pFrame->height,
+                               dst, dstStride);
+    if (rows != height) {
+        SetDecodeError("DoFFMpegScale: scaler wrote %d of %d rows", rows, height);
+        return -1;
+    }
+    outSize = static_cast<int>(bytes);
+    return 0;
+}
+
+int DoFFMpegFree(FFmpegAttr& attr, unsigned char*& image)
+{
+    avcodec_free_context(&attr.pCodecCtx);
+    av_frame_free(&attr.pFrame);
+    av_packet_free(&attr.pPacket);
+    sws_freeContext(attr.pSwsCtx);
+    attr = FFmpegAttr{};
+    free(image);
+    image = nullptr;
+    return 0;
+}

@@ -1,0 +1,159 @@
+#include "twhost/plugin.h"
+
+#include <dlfcn.h>
+#include <limits.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <new>
+
+namespace tw::host {
+
+struct PluginModule::EntryPoints {
+    DPObjectBase* (*motionDetFactory)(Camera*, EventBuf*, StreamFifo*, FetcherBase*) = nullptr;
+    void (*releaseMotionDet)(DPObjectBase*&) = nullptr;
+    std::map<int, MemFuncBase*>* (*getMdFuncTable)() = nullptr;
+    const char** imgDiffName = nullptr;
+    const char** detectorName = nullptr;
+    const char** liveCamName = nullptr;
+    void (*handlerCtor)(DetectorHandler*) = nullptr;
+    void (*handlerSetDetector)(DetectorHandler*, DPObjectBase*, DetectorType) = nullptr;
+    DetectorType (*handlerGetDetType)(DetectorHandler*) = nullptr;
+    void (*handlerRelease)(DetectorHandler*) = nullptr;
+};
+
+namespace {
+
+// Names of the entry points as the C++ compiler emits them (Itanium ABI), which is how a
+// daemon finds them in the module.
+struct SymbolName {
+    const char* mangled;
+    const char* readable;
+};
+constexpr SymbolName kMotionDetFactory = {"_Z18TWMotionDetFactoryP6CameraP8EventBufP10StreamFifoP11FetcherBase",
+                                          "TWMotionDetFactory"};
+constexpr SymbolName kReleaseMotionDet = {"_Z18ReleaseTWMotionDetRP12DPObjectBase", "ReleaseTWMotionDet"};
+constexpr SymbolName kGetMdFuncTable = {"_Z16GetTWMdFuncTablev", "GetTWMdFuncTable"};
+constexpr SymbolName kImgDiffName = {"szImgDiffDetHandler", "szImgDiffDetHandler"};
+constexpr SymbolName kDetectorName = {"szDetectorHandler", "szDetectorHandler"};
+constexpr SymbolName kLiveCamName = {"szLiveCamDetHandler", "szLiveCamDetHandler"};
+constexpr SymbolName kHandlerCtor = {"_ZN15DetectorHandlerC1Ev", "DetectorHandler::DetectorHandler()"};
+constexpr SymbolName kHandlerSetDetector = {"_ZN15DetectorHandler11SetDetectorEP12DPObjectBase12DetectorType",
+                                            "DetectorHandler::SetDetector"};
+constexpr SymbolName kHandlerGetDetType = {"_ZN15DetectorHandler10GetDetTypeEv", "DetectorHandler::GetDetType"};
+constexpr SymbolName kHandlerRelease = {"_ZN15DetectorHandler7ReleaseEv", "DetectorHandler::Release"};
+
+template <typename T>
+bool Resolve(void* handle, const SymbolName& name, T& out, const std::string& path, std::string& error) {
+    dlerror();
+    void* sym = dlsym(handle, name.mangled);
+    if (sym == nullptr) {
+        error = "plug-in '" + path + "' has no entry point " + name.readable + " (" + name.mangled + ")";
+        return false;
+    }
+    out = reinterpret_cast<T>(sym);
+    return true;
+}
+
+}  // namespace
+
+std::unique_ptr<PluginModule> PluginModule::Load(const std::string& path, std::string& error) {
+    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) {
+        const char* why = dlerror();
+        error = "cannot load plug-in '" + path + "': " + (why ? why : "unknown error");
+        return nullptr;
+    }
+    std::unique_ptr<PluginModule> module(new PluginModule());
+    module->m_pHandle = handle;
+    module->m_strPath = path;
+    module->m_pEntries = std::make_unique<EntryPoints>();
+    EntryPoints& e = *module->m_pEntries;
+    const bool ok = Resolve(handle, kMotionDetFactory, e.motionDetFactory, path, error) &&
+                    Resolve(handle, kReleaseMotionDet, e.releaseMotionDet, path, error) &&
+                    Resolve(handle, kGetMdFuncTable, e.getMdFuncTable, path, error) &&
+                    Resolve(handle, kImgDiffName, e.imgDiffName, path, error) &&
+                    Resolve(handle, kDetectorName, e.detectorName, path, error) &&
+                    Resolve(handle, kLiveCamName, e.liveCamName, path, error) &&
+                    Resolve(handle, kHandlerCtor, e.handlerCtor, path, error) &&
+                    Resolve(handle, kHandlerSetDetector, e.handlerSetDetector, path, error) &&
+                    Resolve(handle, kHandlerGetDetType, e.handlerGetDetType, path, error) &&
+                    Resolve(handle, kHandlerRelease, e.handlerRelease, path, error);
+    if (!ok) return nullptr;  // the destructor closes the library
+    return module;
+}
+
+std::string PluginModule::DefaultPath() {
+    if (const char* env = getenv("TWHOST_PLUGIN"); env && *env) return env;
+    char exe[PATH_MAX];
+    const ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
+    if (n <= 0) return "libtwdevplugin.so";
+    exe[n] = '\0';
+    std::string dir(exe);
+    dir = dir.substr(0, dir.rfind('/'));
+    return dir + "/../lib/libtwdevplugin.so";
+}
+
+PluginModule::~PluginModule() {
+    // Objects of the plug-in must be gone by now; the module stays mapped until exit so
+    // that late destructors of its statics still find their code.
+    (void)m_pHandle;
+}
+
+DPObjectBase* PluginModule::TWMotionDetFactory(Camera* camera, EventBuf* eventBuf, StreamFifo* fifo,
+                                               FetcherBase* fetcher) const {
+    return m_pEntries->motionDetFactory(camera, eventBuf, fifo, fetcher);
+}
+
+void PluginModule::ReleaseTWMotionDet(DPObjectBase*& obj) const { m_pEntries->releaseMotionDet(obj); }
+
+std::map<int, MemFuncBase*>* PluginModule::GetTWMdFuncTable() const { return m_pEntries->getMdFuncTable(); }
+
+const char* PluginModule::ImgDiffDetHandlerName() const { return *m_pEntries->imgDiffName; }
+const char* PluginModule::DetectorHandlerName() const { return *m_pEntries->detectorName; }
+const char* PluginModule::LiveCamDetHandlerName() const { return *m_pEntries->liveCamName; }
+
+void* PluginModule::Symbol(const char* name) const { return dlsym(m_pHandle, name); }
+
+std::unique_ptr<DetectorHandlerProxy> PluginModule::NewDetectorHandler() const {
+    void* memory = ::operator new(sizeof(DetectorHandler));
+    DetectorHandler* handler = static_cast<DetectorHandler*>(memory);
+    m_pEntries->handlerCtor(handler);
+    return std::unique_ptr<DetectorHandlerProxy>(new DetectorHandlerProxy(*this, handler));
+}
+
+DetectorHandlerProxy::DetectorHandlerProxy(const PluginModule& module, DetectorHandler* handler)
+    : m_Module(module), m_pHandler(handler) {}
+
+DetectorHandlerProxy::~DetectorHandlerProxy() {
+    // Virtual: the plug-in's deleting destructor runs. It does not release the object.
+    delete m_pHandler;
+}
+
+void DetectorHandlerProxy::SetDetector(DPObjectBase* obj, int type) {
+    m_Module.m_pEntries->handlerSetDetector(m_pHandler, obj, static_cast<DetectorType>(type));
+}
+
+int DetectorHandlerProxy::GetDetType() { return m_Module.m_pEntries->handlerGetDetType(m_pHandler); }
+
+void DetectorHandlerProxy::Release() { m_Module.m_pEntries->handlerRelease(m_pHandler); }
+
+FunctorBase* DetectorHandlerProxy::Record(int id) { return m_pHandler->GetRecord(id); }
+
+namespace {
+// A record that was never registered behaves like an unbound one.
+const FunctorBase& RecordOrEmpty(FunctorBase* record) {
+    static const FunctorBase kEmpty = {nullptr, nullptr, nullptr};
+    return record ? *record : kEmpty;
+}
+}  // namespace
+
+int DetectorHandlerProxy::Start() { return RunFunctor<int>(RecordOrEmpty(Record(0))); }
+int DetectorHandlerProxy::Stop() { return RunFunctor<int>(RecordOrEmpty(Record(1))); }
+bool DetectorHandlerProxy::IsActivated() { return RunFunctor<bool>(RecordOrEmpty(Record(2))); }
+bool DetectorHandlerProxy::IsShareEnabled() { return RunFunctor<bool>(RecordOrEmpty(Record(3))); }
+void DetectorHandlerProxy::SetDetParam(const std::map<int, std::string>& params) {
+    RunFunctor<void, int, const std::map<int, std::string>&, int>(RecordOrEmpty(Record(4)), 0, params, 0);
+}
+
+}  // namespace tw::host

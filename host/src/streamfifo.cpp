@@ -1,0 +1,232 @@
+// The in-process stream FIFO of the reference host and the blocks it hands out.
+
+#include "twhost/streamfifo.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+// ---------------------------------------------------------------------------------------
+// MediaBlock, TWReferenceCount, MediaUnit
+
+MediaBlock::MediaBlock()
+    : m_Id(-1), m_FrameSize(0), m_pFrame(nullptr), m_blKeyFrame(false), m_PtsUs(0) {}
+
+MediaBlock::~MediaBlock() = default;
+
+// A new object starts with the one reference of whoever made it. The count never deletes
+// the object: the recorder's readers delete the blocks they take, so the count only tells
+// how many holders there are.
+TWReferenceCount::TWReferenceCount() : m_RefCount(1) {}
+
+TWReferenceCount::~TWReferenceCount() = default;
+
+int TWReferenceCount::AddRef() { return __atomic_add_fetch(&m_RefCount, 1, __ATOMIC_ACQ_REL); }
+
+int TWReferenceCount::DecRef() { return __atomic_sub_fetch(&m_RefCount, 1, __ATOMIC_ACQ_REL); }
+
+int TWReferenceCount::GetRefCount() const { return __atomic_load_n(&m_RefCount, __ATOMIC_ACQUIRE); }
+
+MediaUnit::MediaUnit(int id, std::shared_ptr<const std::vector<unsigned char>> payload,
+                     bool keyFrame, int64_t ptsUs)
+    : m_Payload(std::move(payload)) {
+    m_Id = id;
+    m_blKeyFrame = keyFrame;
+    m_PtsUs = ptsUs;
+    if (m_Payload && !m_Payload->empty()) {
+        m_pFrame = m_Payload->data();
+        m_FrameSize = static_cast<int>(m_Payload->size());
+    }
+}
+
+MediaUnit::~MediaUnit() = default;
+
+// ---------------------------------------------------------------------------------------
+// StreamFifo
+
+namespace {
+
+constexpr size_t kDefaultMaxBlocks = 256;
+constexpr int64_t kDefaultMaxSpanUs = 2000000;
+
+struct FifoEntry {
+    int id = 0;
+    bool key = false;
+    int64_t ptsUs = 0;
+    std::shared_ptr<const std::vector<unsigned char>> data;
+};
+
+}  // namespace
+
+struct StreamFifo::Impl {
+    // m_Mutex guards the ring and the format; m_PullMutex serialises the puller and lets
+    // SetFifoPuller wait for a running pull. Lock order: m_PullMutex before m_Mutex (the
+    // puller pushes, which takes m_Mutex).
+    std::mutex m_Mutex;
+    std::mutex m_PullMutex;
+
+    bool m_blHasFormat = false;
+    int m_Codec = 0;
+    int m_Width = 0;
+    int m_Height = 0;
+    std::vector<unsigned char> m_ExtraData;
+
+    std::deque<FifoEntry> m_Ring;
+    // The newest key block lives outside the ring so that a long GOP never loses it.
+    std::optional<FifoEntry> m_LastKey;
+    int m_NextId = 0;
+    size_t m_MaxBlocks = kDefaultMaxBlocks;
+    int64_t m_MaxSpanUs = kDefaultMaxSpanUs;
+
+    std::function<void()> m_Puller;
+    tw::host::FifoStats m_Stats;
+
+    void Pull() {
+        std::lock_guard<std::mutex> pullLock(m_PullMutex);
+        if (!m_Puller) {
+            return;
+        }
+        {
+            std::lock_guard<std::mutex> lock(m_Mutex);
+            ++m_Stats.pullerCalls;
+        }
+        m_Puller();
+    }
+
+    // Caller holds m_Mutex.
+    void Trim() {
+        while (!m_Ring.empty()) {
+            const bool tooMany = m_Ring.size() > m_MaxBlocks;
+            const bool tooOld = m_MaxSpanUs >= 0 &&
+                                m_Ring.back().ptsUs - m_Ring.front().ptsUs > m_MaxSpanUs;
+            // Never drop the newest block itself, whatever the limits say.
+            if ((!tooMany && !tooOld) || m_Ring.size() <= 1) {
+                break;
+            }
+            m_Ring.pop_front();
+        }
+    }
+
+    MediaBlock* HandOut(const FifoEntry& entry) {
+        ++m_Stats.blocksHandedOut;
+        return new MediaUnit(entry.id, entry.data, entry.key, entry.ptsUs);
+    }
+};
+
+StreamFifo::StreamFifo() : m_pImpl(new Impl) {}
+
+StreamFifo::~StreamFifo() { delete m_pImpl; }
+
+// The ring's capacity in blocks once a stream has been opened into the FIFO; 0 before.
+int StreamFifo::GetTotalBufSize() {
+    m_pImpl->Pull();
+    std::lock_guard<std::mutex> lock(m_pImpl->m_Mutex);
+    return m_pImpl->m_blHasFormat ? static_cast<int>(m_pImpl->m_MaxBlocks) : 0;
+}
+
+MediaBlock* StreamFifo::GetLastBlock(int lastId) {
+    m_pImpl->Pull();
+    std::lock_guard<std::mutex> lock(m_pImpl->m_Mutex);
+    if (m_pImpl->m_Ring.empty() || m_pImpl->m_Ring.back().id == lastId) {
+        return nullptr;
+    }
+    return m_pImpl->HandOut(m_pImpl->m_Ring.back());
+}
+
+MediaBlock* StreamFifo::GetLastITypeBlock(int lastId) {
+    m_pImpl->Pull();
+    std::lock_guard<std::mutex> lock(m_pImpl->m_Mutex);
+    if (!m_pImpl->m_LastKey || m_pImpl->m_LastKey->id == lastId) {
+        return nullptr;
+    }
+    return m_pImpl->HandOut(*m_pImpl->m_LastKey);
+}
+
+ES_FORMAT StreamFifo::GetESFormat() {
+    std::lock_guard<std::mutex> lock(m_pImpl->m_Mutex);
+    ES_FORMAT format{};
+    format.codec = m_pImpl->m_Codec;
+    format.width = m_pImpl->m_Width;
+    format.height = m_pImpl->m_Height;
+    // Always a real allocation, also for a format without extra data: readers copy from
+    // the pointer and free it without looking at the length first.
+    const size_t len = m_pImpl->m_ExtraData.size();
+    format.pExtraData = static_cast<unsigned char*>(std::malloc(len > 0 ? len : 1));
+    if (format.pExtraData == nullptr) {
+        format.extraDataLen = 0;
+        return format;
+    }
+    if (len > 0) {
+        std::memcpy(format.pExtraData, m_pImpl->m_ExtraData.data(), len);
+    }
+    format.extraDataLen = static_cast<int>(len);
+    return format;
+}
+
+namespace tw::host {
+
+void SetFifoFormat(StreamFifo& fifo, int codec, int width, int height,
+                   std::vector<unsigned char> extra) {
+    StreamFifo::Impl& impl = *fifo.GetImpl();
+    std::lock_guard<std::mutex> lock(impl.m_Mutex);
+    impl.m_blHasFormat = true;
+    impl.m_Codec = codec;
+    impl.m_Width = width;
+    impl.m_Height = height;
+    impl.m_ExtraData = std::move(extra);
+}
+
+int PushFifoBlock(StreamFifo& fifo, std::shared_ptr<const std::vector<unsigned char>> data,
+                  bool key, int64_t ptsUs) {
+    StreamFifo::Impl& impl = *fifo.GetImpl();
+    std::lock_guard<std::mutex> lock(impl.m_Mutex);
+    FifoEntry entry;
+    entry.id = impl.m_NextId;
+    entry.key = key;
+    entry.ptsUs = ptsUs;
+    entry.data = data ? std::move(data) : std::make_shared<const std::vector<unsigned char>>();
+    impl.m_NextId = (impl.m_NextId + 1) % TW_FIFO_BLOCK_ID_MAX;
+    if (key) {
+        impl.m_LastKey = entry;
+        ++impl.m_Stats.keyBlocksPushed;
+    }
+    impl.m_Ring.push_back(std::move(entry));
+    impl.Trim();
+    ++impl.m_Stats.blocksPushed;
+    impl.m_Stats.lastId = impl.m_Ring.back().id;
+    return impl.m_Ring.back().id;
+}
+
+void SetFifoLimits(StreamFifo& fifo, size_t maxBlocks, int64_t maxSpanUs) {
+    StreamFifo::Impl& impl = *fifo.GetImpl();
+    std::lock_guard<std::mutex> lock(impl.m_Mutex);
+    impl.m_MaxBlocks = maxBlocks > 0 ? maxBlocks : 1;
+    impl.m_MaxSpanUs = maxSpanUs;
+    impl.Trim();
+}
+
+void SetFifoPuller(StreamFifo& fifo, std::function<void()> puller) {
+    StreamFifo::Impl& impl = *fifo.GetImpl();
+    std::lock_guard<std::mutex> pullLock(impl.m_PullMutex);
+    impl.m_Puller = std::move(puller);
+}
+
+void ClearFifo(StreamFifo& fifo) {
+    StreamFifo::Impl& impl = *fifo.GetImpl();
+    std::lock_guard<std::mutex> lock(impl.m_Mutex);
+    impl.m_Ring.clear();
+    impl.m_LastKey.reset();
+}
+
+FifoStats GetFifoStats(StreamFifo& fifo) {
+    StreamFifo::Impl& impl = *fifo.GetImpl();
+    std::lock_guard<std::mutex> lock(impl.m_Mutex);
+    FifoStats stats = impl.m_Stats;
+    stats.blocksHeld = impl.m_Ring.size();
+    return stats;
+}
+
+}  // namespace tw::host

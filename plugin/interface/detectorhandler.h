@@ -1,0 +1,56 @@
+// The detector handler that binds one detector object to the function table of its kind,
+// and the module's exported detector entry points.
+#pragma once
+
+#include <map>
+
+#include "interface/handlerutils.h"
+#include "interface/twexport.h"
+#include "tw/handler.h"
+
+class Camera;
+class EventBuf;
+class StreamFifo;
+class FetcherBase;
+
+// 2 is this module's image-difference detector, 9 its live-cam detector; 0, 1 and 3 to 8
+// are the host's own detector kinds; anything above 9 is unknown.
+enum DetectorType {
+    DET_TYPE_HOST_0 = 0,
+    DET_TYPE_HOST_1 = 1,
+    DET_TYPE_IMG_DIFF = 2,
+    DET_TYPE_HOST_LAST = 8,
+    DET_TYPE_LIVE_CAM = 9,
+};
+
+TW_EXPORT extern const char* szDetectorHandler;
+TW_EXPORT extern const char* szLiveCamDetHandler;
+TW_EXPORT extern const char* szImgDiffDetHandler;
+
+class TW_EXPORT DetectorHandler : public TWHandlerBase {
+public:
+    DetectorHandler();
+    ~DetectorHandler() override;
+    void RegisterTable() override;
+
+    void SetDetector(DPObjectBase* obj, DetectorType type);
+    DetectorType GetDetType();
+    // Destroys the bound object with the release function of the stored type.
+    void Release();
+
+private:
+    // Member order is the registration order; IDs 0, 1, 2, 4, 3, 5, 6.
+    FunctorBase m_Start;
+    FunctorBase m_Stop;
+    FunctorBase m_IsActivated;
+    FunctorBase m_SetDetParam;
+    FunctorBase m_IsShareEnabled;
+    FunctorBase m_Func5;
+    FunctorBase m_Func6;
+    DetectorType m_DetType;
+};
+
+TW_EXPORT DPObjectBase* TWMotionDetFactory(Camera* camera, EventBuf* eventBuf, StreamFifo* fifo,
+                                           FetcherBase* fetcher);
+TW_EXPORT std::map<int, MemFuncBase*>* GetTWMdFuncTable();
+TW_EXPORT void ReleaseTWMotionDet(DPObjectBase*& obj);

@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Installs what the build needs (Debian packages) and builds into build/ (and, with
+# --asan, into build-asan/ with AddressSanitizer and UndefinedBehaviorSanitizer).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+PACKAGES=(build-essential cmake pkg-config
+          libjsoncpp-dev libjpeg62-turbo-dev
+          libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
+          libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev)
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if ((${#missing[@]})); then
+  echo "Installing: ${missing[*]}"
+  SUDO=""
+  [ "$(id -u)" -ne 0 ] && SUDO="sudo"
+  $SUDO apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+JOBS=$(nproc 2>/dev/null || echo 2)
+build() {
+  local dir=$1; shift
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" > "$dir.configure.log" 2>&1 || {
+    cat "$dir.configure.log"; exit 1; }
+  cmake --build "$dir" -j"$JOBS"
+}
+
+mkdir -p build
+build build
+if [[ "${1:-}" == "--asan" ]]; then
+  mkdir -p build-asan
+  build build-asan -DTW_SANITIZE=ON -DTW_BUILD_BENCH=OFF
+fi

@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Set-up, build (normal and ASan+UBSan), then the whole test suite in both builds.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh --asan
+JOBS=$(nproc 2>/dev/null || echo 2)
+# Each build gets its own shared-memory key space so the two runs cannot meet.
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+echo "== tests (normal build)"
+(cd build && TW_SHM_KEY_BASE=0x54570000 ctest -j"$JOBS" --output-on-failure --timeout 300 "$@")
+echo "== tests (ASan + UBSan build)"
+(cd build-asan && TW_SHM_KEY_BASE=0x54670000 ctest -j"$JOBS" --output-on-failure --timeout 600 "$@")
