@@ -604,9 +604,15 @@ bool CompressJpeg(const unsigned char* pixels, int width, int height, int compon
 }  // namespace
 
 ClipSpec SampleClipSpec() {
-    // The defaults: 640x360 H.264 at 25 fps, a key frame every 12 frames, 14 s with the
-    // object still for 4 s, moving 3 s, still 3 s, moving 1.5 s and still to the end.
-    return ClipSpec();
+    // 640x360 H.264 at 25 fps with a key frame every 6 frames (0.24 s), so the detector finds
+    // a fresh key frame at almost every 300 ms turn. 20 s: the object stands for 4 s, moves
+    // for 3 s, stands for 6 s (long enough for the background to forget where the object
+    // was), moves for 2 s and stands to the end.
+    ClipSpec clipSpec;
+    clipSpec.gop = 6;
+    clipSpec.durationSec = 20.0;
+    clipSpec.motion = {{4.0, 7.0}, {13.0, 15.0}};
+    return clipSpec;
 }
 
 bool CheckClipSpec(const ClipSpec& clipSpec, std::string& error) {

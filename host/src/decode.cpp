@@ -571,7 +571,11 @@ int DoFFMpegScale(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& widt
     // every source pixel into its target pixel is what keeps sensor noise and fine texture
     // from aliasing into false differences. It is also the cheapest filter that looks at
     // every source pixel (bilinear widens to twice as many taps at these factors).
-    const int swsFlags = flags != 0 ? flags : SWS_AREA;
+    // The packed-RGB fast path converts pixel pairs and leaves the last column of an odd
+    // width unwritten; full chroma interpolation with accurate rounding takes the generic
+    // path, which writes every pixel. Even widths keep the fast path.
+    int swsFlags = flags != 0 ? flags : SWS_AREA;
+    if (width % 2 != 0) swsFlags |= SWS_FULL_CHR_H_INT | SWS_ACCURATE_RND;
 
     if (attr.pSwsCtx == nullptr || attr.swsSrcWidth != pFrame->width ||
         attr.swsSrcHeight != pFrame->height || attr.swsSrcFormat != pFrame->format ||
@@ -611,7 +615,10 @@ int DoFFMpegScale(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& widt
     }
 
     const size_t bytes = size_t(width) * size_t(height) * 3;
-    if (!tw::host::EnsureBuffer(out, bytes)) {
+    // libswscale's vector code stores whole registers and may write up to 16 bytes past the
+    // last row; the slack keeps that inside the buffer. outSize stays the picture's size.
+    constexpr size_t kScalerSlack = 64;
+    if (!tw::host::EnsureBuffer(out, bytes + kScalerSlack)) {
         SetDecodeError("DoFFMpegScale: out of memory for %zu bytes", bytes);
         return -1;
     }

@@ -276,7 +276,8 @@ struct MediaSource::Impl {
                 if (av_bsf_send_packet(m_pBsf, nullptr) == 0) {
                     const int ret = DrainFilter();
                     if (ret < 0) {
-                        m_strError = "cannot convert a packet of '" + m_strInput + "': " + AvError(ret);
+                        m_strError =
+                            "cannot convert a packet of '" + m_strInput + "': " + AvError(ret);
                         return -1;
                     }
                 }
@@ -293,8 +294,9 @@ struct MediaSource::Impl {
         }
         if (ret < 0) {
             // A truncated file ends with a demuxer error at its end: that is an end.
-            const bool atEnd = ret == AVERROR_EOF ||
-                               (!m_blNetwork && m_pFormat->pb != nullptr && avio_feof(m_pFormat->pb));
+            const bool atEnd =
+                ret == AVERROR_EOF ||
+                (!m_blNetwork && m_pFormat->pb != nullptr && avio_feof(m_pFormat->pb));
             if (atEnd && !m_blAbort.load()) {
                 m_blDemuxEnd = true;
                 return 1;

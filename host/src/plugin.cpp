@@ -16,10 +16,11 @@ struct PluginModule::EntryPoints {
     const char** imgDiffName = nullptr;
     const char** detectorName = nullptr;
     const char** liveCamName = nullptr;
-    void (*handlerCtor)(DetectorHandler*) = nullptr;
-    void (*handlerSetDetector)(DetectorHandler*, DPObjectBase*, DetectorType) = nullptr;
-    DetectorType (*handlerGetDetType)(DetectorHandler*) = nullptr;
-    void (*handlerRelease)(DetectorHandler*) = nullptr;
+    // Member functions take the object as their first argument (Itanium C++ ABI).
+    void (*handlerCtor)(void*) = nullptr;
+    void (*handlerSetDetector)(void*, DPObjectBase*, DetectorType) = nullptr;
+    DetectorType (*handlerGetDetType)(void*) = nullptr;
+    void (*handlerRelease)(void*) = nullptr;
 };
 
 namespace {
@@ -117,26 +118,26 @@ void* PluginModule::Symbol(const char* name) const { return dlsym(m_pHandle, nam
 
 std::unique_ptr<DetectorHandlerProxy> PluginModule::NewDetectorHandler() const {
     void* memory = ::operator new(sizeof(DetectorHandler));
-    DetectorHandler* handler = static_cast<DetectorHandler*>(memory);
-    m_pEntries->handlerCtor(handler);
-    return std::unique_ptr<DetectorHandlerProxy>(new DetectorHandlerProxy(*this, handler));
+    m_pEntries->handlerCtor(memory);
+    return std::unique_ptr<DetectorHandlerProxy>(new DetectorHandlerProxy(*this, memory));
 }
 
-DetectorHandlerProxy::DetectorHandlerProxy(const PluginModule& module, DetectorHandler* handler)
-    : m_Module(module), m_pHandler(handler) {}
+DetectorHandlerProxy::DetectorHandlerProxy(const PluginModule& module, void* handler)
+    : m_Module(module), m_pMemory(handler), m_pHandler(reinterpret_cast<TWHandlerBase*>(handler)) {}
 
 DetectorHandlerProxy::~DetectorHandlerProxy() {
-    // Virtual: the plug-in's deleting destructor runs. It does not release the object.
+    // Virtual: the plug-in's deleting destructor runs and frees the memory. It does not
+    // release the detector.
     delete m_pHandler;
 }
 
 void DetectorHandlerProxy::SetDetector(DPObjectBase* obj, int type) {
-    m_Module.m_pEntries->handlerSetDetector(m_pHandler, obj, static_cast<DetectorType>(type));
+    m_Module.m_pEntries->handlerSetDetector(m_pMemory, obj, static_cast<DetectorType>(type));
 }
 
-int DetectorHandlerProxy::GetDetType() { return m_Module.m_pEntries->handlerGetDetType(m_pHandler); }
+int DetectorHandlerProxy::GetDetType() { return m_Module.m_pEntries->handlerGetDetType(m_pMemory); }
 
-void DetectorHandlerProxy::Release() { m_Module.m_pEntries->handlerRelease(m_pHandler); }
+void DetectorHandlerProxy::Release() { m_Module.m_pEntries->handlerRelease(m_pMemory); }
 
 FunctorBase* DetectorHandlerProxy::Record(int id) { return m_pHandler->GetRecord(id); }
 

@@ -9,7 +9,7 @@
 #include "tw/log.h"
 
 // Marks an unused argument position; every functor has seven of them.
-struct NoneT {};
+struct TW_EXPORT NoneT {};
 
 class TW_EXPORT MemFuncBase {
 public:

@@ -50,16 +50,16 @@ constexpr int kNoBlockYet = 10001;
 constexpr auto kHangGuard = std::chrono::seconds(60);
 
 ClipSpec SmallClip(int codec, double seconds, int bFrames = 0) {
-    ClipSpec spec;
-    spec.width = 320;
-    spec.height = 180;
-    spec.fps = 25;
-    spec.durationSec = seconds;
-    spec.codec = codec;
-    spec.gop = 12;
-    spec.bFrames = bFrames;
-    spec.motion = {{0.2, 0.6}};
-    return spec;
+    ClipSpec clipSpec;
+    clipSpec.width = 320;
+    clipSpec.height = 180;
+    clipSpec.fps = 25;
+    clipSpec.durationSec = seconds;
+    clipSpec.codec = codec;
+    clipSpec.gop = 12;
+    clipSpec.bFrames = bFrames;
+    clipSpec.motion = {{0.2, 0.6}};
+    return clipSpec;
 }
 
 std::vector<SourcePacket> ReadAll(MediaSource& source) {
@@ -112,10 +112,10 @@ protected:
 
     std::string PathOf(const std::string& name) const { return m_strDir + "/" + name; }
 
-    std::string WriteClipFile(const ClipSpec& spec, const std::string& name) {
+    std::string WriteClipFile(const ClipSpec& clipSpec, const std::string& name) {
         const std::string path = PathOf(name);
         std::string error;
-        EXPECT_TRUE(tw::host::WriteClip(spec, path, error)) << error;
+        EXPECT_TRUE(tw::host::WriteClip(clipSpec, path, error)) << error;
         return path;
     }
 
@@ -710,6 +710,57 @@ TEST_F(MediaSourceTest, LoopingPumpRunsTheFileAgainWithTimeGoingOn) {
     // The second round starts with the file's first packet again.
     EXPECT_EQ(*packets[10].data, *packets[0].data);
     EXPECT_TRUE(packets[10].keyFrame);
+}
+
+TEST_F(MediaSourceTest, PumpPushesPacketsThatTheDemuxerFlagsAsCorrupt) {
+    // Dropping one transport packet from the middle breaks the continuity of the video
+    // stream; the demuxer flags the picture that lost a piece.
+    const std::string path = WriteClipFile(SmallClip(VIDEO_CODEC_H264, 1.0), "clip.ts");
+    std::ifstream in(path, std::ios::binary);
+    std::vector<char> ts((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    in.close();
+    const size_t packetCount = ts.size() / 188;
+    ASSERT_GT(packetCount, 40u);
+    // The first video transport packet after the middle that does not start a picture.
+    size_t victim = packetCount / 2;
+    for (; victim < packetCount; ++victim) {
+        const unsigned char* p = reinterpret_cast<const unsigned char*>(&ts[victim * 188]);
+        const int pid = ((p[1] & 0x1f) << 8) | p[2];
+        const bool unitStart = (p[1] & 0x40) != 0;
+        if (pid == 0x100 && !unitStart) {
+            break;
+        }
+    }
+    ASSERT_LT(victim, packetCount);
+    ts.erase(ts.begin() + static_cast<std::ptrdiff_t>(victim * 188),
+             ts.begin() + static_cast<std::ptrdiff_t>(victim * 188 + 188));
+    const std::string damaged = PathOf("damaged.ts");
+    std::ofstream(damaged, std::ios::binary)
+        .write(ts.data(), static_cast<std::streamsize>(ts.size()));
+
+    MediaSource source;
+    std::string error;
+    ASSERT_TRUE(source.Open(damaged, error)) << error;
+    RecordingSink sink;
+    FifoPump pump(source, sink);
+    FifoPump::RealTimeOptions options;
+    options.pace = false;
+    ASSERT_TRUE(pump.StartRealTime(options, error)) << error;
+    const auto guard = std::chrono::steady_clock::now() + kHangGuard;
+    while (!pump.Ended() && std::chrono::steady_clock::now() < guard) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ASSERT_TRUE(pump.Ended());
+    EXPECT_EQ(pump.GetErrorCount(), 0u);
+    EXPECT_GE(pump.GetCorruptCount(), 1u);
+    const std::vector<SourcePacket> packets = sink.Packets();
+    EXPECT_EQ(packets.size(), pump.GetPacketCount());
+    EXPECT_EQ(packets.size(), 25u);
+    size_t corrupt = 0;
+    for (const SourcePacket& p : packets) {
+        corrupt += p.corrupt ? 1 : 0;
+    }
+    EXPECT_EQ(corrupt, pump.GetCorruptCount());
 }
 
 }  // namespace

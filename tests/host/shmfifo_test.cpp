@@ -91,7 +91,8 @@ protected:
         av_log_set_level(AV_LOG_FATAL);
         // A key base of this process's own, so parallel test processes never share segments.
         char base[32];
-        std::snprintf(base, sizeof(base), "0x%x", 0x10000000u + (static_cast<unsigned>(getpid()) & 0xffffu) * 0x10000u);
+        const unsigned slot = static_cast<unsigned>(getpid()) & 0xffffu;
+        std::snprintf(base, sizeof(base), "0x%x", 0x10000000u + slot * 0x10000u);
         setenv("TW_SHM_KEY_BASE", base, 1);
         m_Base = std::strtoll(base, nullptr, 0);
     }
@@ -101,7 +102,7 @@ protected:
     }
 
     key_t KeyOf(int camId, int streamNo) const {
-        return static_cast<key_t>(m_Base + camId * 8 + streamNo);
+        return static_cast<key_t>(m_Base + camId * 8LL + streamNo);
     }
 
     long long m_Base = 0;
@@ -333,7 +334,7 @@ TEST_F(ShmFifoTest, ForeignSegmentUnderTheKeyIsLeftAlone) {
 }
 
 TEST_F(ShmFifoTest, EmptyAndOversizedFramesAreRefused) {
-    ShmStreamPublisher publisher(7212, 0, 64 * 1024, 16);
+    ShmStreamPublisher publisher(7212, 0, size_t{64} * 1024, 16);
     std::string error;
     ASSERT_TRUE(publisher.Open(error)) << error;
     const Bytes big(32 * 1024 + 1, 1);
@@ -382,7 +383,7 @@ TEST_F(ShmFifoTest, LiveStreamUpdaterFollowsANewPublisher) {
 
 TEST_F(ShmFifoTest, FramesAreNeverTornWhileTheWriterLapsTheRing) {
     // A small ring that the writer laps many times while the reader copies.
-    ShmStreamPublisher publisher(7215, 0, 64 * 1024, 16);
+    ShmStreamPublisher publisher(7215, 0, size_t{64} * 1024, 16);
     std::string error;
     ASSERT_TRUE(publisher.Open(error)) << error;
     FifoPtr fifo(LiveStreamFifoAt(7215, 0));
@@ -544,16 +545,16 @@ protected:
 };
 
 TEST_F(TwhostStreamTest, PublishedClipIsReadableFromAnotherProcessUntilItStops) {
-    tw::host::ClipSpec spec;
-    spec.width = 320;
-    spec.height = 180;
-    spec.durationSec = 1.0;
-    spec.codec = VIDEO_CODEC_H264;
-    spec.gop = 12;
-    spec.motion = {{0.2, 0.6}};
+    tw::host::ClipSpec clipSpec;
+    clipSpec.width = 320;
+    clipSpec.height = 180;
+    clipSpec.durationSec = 1.0;
+    clipSpec.codec = VIDEO_CODEC_H264;
+    clipSpec.gop = 12;
+    clipSpec.motion = {{0.2, 0.6}};
     const std::string path = m_strDir + "/clip.mp4";
     std::string error;
-    ASSERT_TRUE(tw::host::WriteClip(spec, path, error)) << error;
+    ASSERT_TRUE(tw::host::WriteClip(clipSpec, path, error)) << error;
 
     // What the stream must carry: the clip's key frames and extra data, as this process's
     // own source reads them.

@@ -115,7 +115,7 @@ TEST(StreamFifoTest, NewestKeyBlockSurvivesWhenTheRingDropsOlderBlocks) {
     SetFifoLimits(fifo, 4, 1000000);
     PushFifoBlock(fifo, MakePayload({7, 7}), true, 0);
     for (int i = 1; i <= 10; ++i) {
-        PushFifoBlock(fifo, MakePayload({1}), false, i * 40000);
+        PushFifoBlock(fifo, MakePayload({1}), false, int64_t{i} * 40000);
     }
     EXPECT_EQ(GetFifoStats(fifo).blocksHeld, 4u);
     std::unique_ptr<MediaBlock> key(fifo.GetLastITypeBlock(kNoBlockYet));
@@ -128,7 +128,7 @@ TEST(StreamFifoTest, RingDropsBlocksOlderThanItsTimeSpan) {
     StreamFifo fifo;
     SetFifoLimits(fifo, 1000, 100000);
     for (int i = 0; i < 10; ++i) {
-        PushFifoBlock(fifo, MakePayload({1}), false, i * 40000);
+        PushFifoBlock(fifo, MakePayload({1}), false, int64_t{i} * 40000);
     }
     // Newest at 360 ms: only blocks at 280, 320 and 360 ms are within 100 ms of it.
     EXPECT_EQ(GetFifoStats(fifo).blocksHeld, 3u);

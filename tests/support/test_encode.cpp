@@ -185,7 +185,8 @@ bool EncodeTestVideo(const TestVideoSpec& videoSpec, TestVideo& video, std::stri
         error = "frame buffer: " + AvError(ret);
         return false;
     }
-    std::vector<unsigned char> rgb(size_t(videoSpec.width) * size_t(videoSpec.height) * 3);
+    // libswscale's vector loads read whole registers past the last row: give it slack.
+    std::vector<unsigned char> rgb(size_t(videoSpec.width) * size_t(videoSpec.height) * 3 + 64);
     for (int i = 0; i < videoSpec.frames; ++i) {
         if (videoSpec.painter) {
             videoSpec.painter(i, videoSpec.width, videoSpec.height, rgb.data());

@@ -2,6 +2,7 @@
 // function IDs as a recorder drives it, on a file, a network stream, the shared-memory live
 // FIFO of a "twhost stream" process, or the built-in sample.
 #include <signal.h>
+#include <sys/shm.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,6 +11,10 @@
 #include <cstdio>
 #include <mutex>
 #include <thread>
+
+extern "C" {
+#include <libavutil/log.h>
+}
 
 #include "commands.h"
 #include "detectoutput.h"
@@ -20,6 +25,7 @@
 #include "twhost/logsink.h"
 #include "twhost/mediasource.h"
 #include "twhost/plugin.h"
+#include "twhost/shmfifo.h"
 #include "twhost/stores.h"
 
 namespace {
@@ -54,6 +60,20 @@ int CodecFromName(const std::string& name) {
 }
 
 bool IsUrl(const std::string& s) { return s.find("://") != std::string::npos; }
+
+// Opening a damaged input makes libavformat and the decoders complain once per packet they
+// try; that would bury the one line that says which input is unusable and why. Silenced
+// while the input is opened and probed, FFmpeg speaks again for the run itself.
+class QuietFfmpegLog {
+public:
+    QuietFfmpegLog() : m_Level(av_log_get_level()) { av_log_set_level(AV_LOG_QUIET); }
+    ~QuietFfmpegLog() { av_log_set_level(m_Level); }
+    QuietFfmpegLog(const QuietFfmpegLog&) = delete;
+    QuietFfmpegLog& operator=(const QuietFfmpegLog&) = delete;
+
+private:
+    int m_Level;
+};
 
 // Decodes the first key frame the way the detector will, so that a stream nobody can decode
 // is reported once, up front, instead of as a log line every 300 ms.
@@ -137,7 +157,24 @@ int RunDetect(const DetectOptions& opt) {
             fprintf(stderr, "%s: unknown --codec '%s' (mjpeg, mpeg4, h264, hevc)\n", kCmd, opt.shmCodec.c_str());
             return 2;
         }
+        // Without a publisher the detector's thread gives up at once and only logs it; the
+        // run would then wait for nothing, so the missing stream is reported here instead.
+        key_t key = 0;
+        if (!tw::host::LiveStreamShmKey(opt.camId, opt.streamNo, key, error)) {
+            fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
+            return 1;
+        }
+        ShmStreamFifo* live = LiveStreamFifoAt(opt.camId, opt.streamNo);
+        if (live == nullptr) {
+            fprintf(stderr,
+                    "%s: no live stream of camera %d stream %d in shared memory (key 0x%08x); "
+                    "start 'twhost stream SOURCE --camera-id %d' first\n",
+                    kCmd, opt.camId, opt.streamNo, static_cast<unsigned>(key), opt.camId);
+            return 1;
+        }
+        shmdt(live);
     } else {
+        QuietFfmpegLog quiet;
         if (!source.Open(input, error)) {
             fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
             return 1;

@@ -73,7 +73,8 @@ std::string KeyText(key_t key) {
 }
 
 int RunStream(const StreamOptions& options) {
-    av_log_set_level(AV_LOG_ERROR);
+    // Our own messages name the input and the failure; FFmpeg's would only repeat them.
+    av_log_set_level(AV_LOG_FATAL);
 
     MediaSource source;
     std::string error;
@@ -87,20 +88,21 @@ int RunStream(const StreamOptions& options) {
         return 2;
     }
 
-    ShmStreamPublisher publisher(options.m_CamId, options.m_StreamNo);
-    if (!publisher.Open(error)) {
-        std::fprintf(stderr, "twhost stream: %s\n", error.c_str());
-        return 1;
-    }
-
-    // SIGINT and SIGTERM are taken synchronously by this thread; blocking them before the
-    // pump's thread starts keeps them away from it.
+    // SIGINT and SIGTERM are taken synchronously by this thread from here on, so the segment
+    // is always removed; blocking them before the pump's thread starts keeps them away from it.
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
     sigset_t oldMask;
     pthread_sigmask(SIG_BLOCK, &stopSignals, &oldMask);
+
+    ShmStreamPublisher publisher(options.m_CamId, options.m_StreamNo);
+    if (!publisher.Open(error)) {
+        pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
+        std::fprintf(stderr, "twhost stream: %s\n", error.c_str());
+        return 1;
+    }
 
     PublisherSink sink(publisher);
     FifoPump pump(source, sink);
@@ -112,12 +114,13 @@ int RunStream(const StreamOptions& options) {
         return 1;
     }
     const int64_t durationUs = source.GetDurationUs();
+    const std::string length =
+        durationUs >= 0 ? Seconds(static_cast<double>(durationUs) / 1e6) + " s" : "live";
     std::printf("twhost stream: publishing '%s' (%s %dx%d, %s) as camera %d stream %d, "
                 "shared-memory key %s\n",
                 options.m_strSource.c_str(), source.GetCodecName(), source.GetWidth(),
-                source.GetHeight(),
-                durationUs >= 0 ? (Seconds(durationUs / 1e6) + " s").c_str() : "live",
-                options.m_CamId, options.m_StreamNo, KeyText(publisher.GetKey()).c_str());
+                source.GetHeight(), length.c_str(), options.m_CamId, options.m_StreamNo,
+                KeyText(publisher.GetKey()).c_str());
     std::fflush(stdout);
 
     Clock& clock = GetClock();
@@ -128,13 +131,14 @@ int RunStream(const StreamOptions& options) {
     const char* why = "source ended";
     for (;;) {
         if (pump.Ended()) {
+            why = pump.GetErrorCount() > 0 ? "source failed" : "source ended";
             break;
         }
         if (stopAtUs >= 0 && clock.NowUs() >= stopAtUs) {
             why = "duration reached";
             break;
         }
-        const timespec tick{0, 100 * 1000 * 1000};
+        const timespec tick{0, 100000000L};   // 100 ms
         const int sig = sigtimedwait(&stopSignals, nullptr, &tick);
         if (sig == SIGINT || sig == SIGTERM) {
             why = sig == SIGINT ? "interrupted" : "terminated";
@@ -143,9 +147,13 @@ int RunStream(const StreamOptions& options) {
     }
     pump.Stop();
     publisher.Close();
+    // A second signal that came meanwhile is spent: the work it asked for is done.
+    const timespec noWait{0, 0};
+    while (sigtimedwait(&stopSignals, nullptr, &noWait) > 0) {
+    }
     pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
 
-    const double elapsedSec = (clock.NowUs() - startUs) / 1e6;
+    const double elapsedSec = static_cast<double>(clock.NowUs() - startUs) / 1e6;
     std::string loops;
     if (options.m_blLoop) {
         const uint64_t restarts = pump.GetLoopCount();

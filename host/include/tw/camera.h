@@ -1,7 +1,7 @@
 // Camera records, their detection settings and their event buffers.
 #pragma once
 
-enum CAM_PROFILE_TYPE {
+enum CAM_PROFILE_TYPE : int {
     CAM_PROFILE_HIGH = 0,
     CAM_PROFILE_MEDIUM = 1,
     CAM_PROFILE_LOW = 2,
@@ -10,7 +10,7 @@ enum CAM_PROFILE_TYPE {
 
 // Video codec of a camera's stream. 1 is JPEG (a stream of independent pictures);
 // every other known value is decoded through the FFmpeg wrappers.
-enum VIDEO_CODEC_TYPE {
+enum VIDEO_CODEC_TYPE : int {
     VIDEO_CODEC_UNKNOWN = 0,
     VIDEO_CODEC_JPEG = 1,
     VIDEO_CODEC_MPEG4 = 2,

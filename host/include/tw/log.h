@@ -6,10 +6,11 @@
 #include <cstddef>
 #include <map>
 
-enum LOG_TYPE { LOG_TYPE_NORMAL = 0 };
+enum LOG_TYPE : int { LOG_TYPE_NORMAL = 0 };
 
-// Category numbers; the plug-in uses one per source file.
-enum LOG_CATEG {
+// Category numbers; the plug-in uses one per source file. The enumerations have a fixed
+// underlying type: configurations and callers carry values they do not list.
+enum LOG_CATEG : int {
     LOG_CATEG_SYSTEM = 0,
     LOG_CATEG_RECORDER = 1,
     LOG_CATEG_EVENT = 2,
@@ -22,7 +23,7 @@ enum LOG_CATEG {
 };
 
 // A higher number is a more detailed message.
-enum LOG_LEVEL {
+enum LOG_LEVEL : int {
     LOG_LEVEL_NONE = 0,
     LOG_LEVEL_CRIT = 1,
     LOG_LEVEL_ERR = 2,

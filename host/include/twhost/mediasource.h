@@ -67,6 +67,7 @@ public:
     bool Rewind(std::string& error);
 
     // Makes a blocking open or read return soon with an error; callable from any thread.
+    // The source stays interrupted until the next Open.
     void Interrupt();
 
     struct Impl;
@@ -100,6 +101,8 @@ public:
 //
 // A packet the demuxer marks as corrupt is pushed like any other: judging it is the
 // decoder's business. A read error ends the pump.
+//
+// The source and the sink (or FIFO) must outlive the pump.
 class FifoPump {
 public:
     struct RealTimeOptions {

@@ -29,7 +29,8 @@ public:
     void SetDetector(DPObjectBase* obj, int type);
     int GetDetType();
     void Release();
-    DetectorHandler* Get() { return m_pHandler; }
+    // The handler as the host's own base type (the plug-in's class is only known to it).
+    TWHandlerBase* Get() { return m_pHandler; }
     // The record registered under a function ID (null before the first SetDetector).
     FunctorBase* Record(int id);
 
@@ -42,9 +43,14 @@ public:
 
 private:
     friend class PluginModule;
-    DetectorHandlerProxy(const PluginModule& module, DetectorHandler* handler);
+    DetectorHandlerProxy(const PluginModule& module, void* handler);
     const PluginModule& m_Module;
-    DetectorHandler* m_pHandler;
+    // The object lives in memory of ours but its type belongs to the plug-in: the host only
+    // uses it through its TWHandlerBase base (at offset 0, single inheritance) and through
+    // the plug-in's resolved member functions, so it never needs the plug-in's class
+    // information (which it does not link).
+    void* m_pMemory;
+    TWHandlerBase* m_pHandler;
 };
 
 class PluginModule {
