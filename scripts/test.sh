@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Set-up, build (normal and ASan+UBSan), then the whole test suite in both builds.
+# Set-up, build (normal and ASan+UBSan), then the whole test suite in both builds, then a
+# bounded run of the fuzz targets (clang, libFuzzer).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh --asan
@@ -11,3 +12,5 @@ echo "== tests (normal build)"
 (cd build && TW_SHM_KEY_BASE=0x54570000 ctest -j"$JOBS" --output-on-failure --timeout 300 "$@")
 echo "== tests (ASan + UBSan build)"
 (cd build-asan && TW_SHM_KEY_BASE=0x54670000 ctest -j"$JOBS" --output-on-failure --timeout 600 "$@")
+echo "== fuzzing the live-cam event stream parser (bounded)"
+scripts/fuzz.sh -t "${TW_FUZZ_SECONDS:-60}"

@@ -13,6 +13,9 @@ struct PluginModule::EntryPoints {
     DPObjectBase* (*motionDetFactory)(Camera*, EventBuf*, StreamFifo*, FetcherBase*) = nullptr;
     void (*releaseMotionDet)(DPObjectBase*&) = nullptr;
     std::map<int, MemFuncBase*>* (*getMdFuncTable)() = nullptr;
+    DPObjectBase* (*liveCamFactory)(Camera*, EventBuf*) = nullptr;
+    void (*releaseLiveCam)(DPObjectBase*&) = nullptr;
+    std::map<int, MemFuncBase*>* (*getLiveCamFuncTable)() = nullptr;
     const char** imgDiffName = nullptr;
     const char** detectorName = nullptr;
     const char** liveCamName = nullptr;
@@ -35,6 +38,9 @@ constexpr SymbolName kMotionDetFactory = {"_Z18TWMotionDetFactoryP6CameraP8Event
                                           "TWMotionDetFactory"};
 constexpr SymbolName kReleaseMotionDet = {"_Z18ReleaseTWMotionDetRP12DPObjectBase", "ReleaseTWMotionDet"};
 constexpr SymbolName kGetMdFuncTable = {"_Z16GetTWMdFuncTablev", "GetTWMdFuncTable"};
+constexpr SymbolName kLiveCamFactory = {"_Z22LiveCamDetectorFactoryP6CameraP8EventBuf", "LiveCamDetectorFactory"};
+constexpr SymbolName kReleaseLiveCam = {"_Z22ReleaseLiveCamDetectorRP12DPObjectBase", "ReleaseLiveCamDetector"};
+constexpr SymbolName kGetLiveCamFuncTable = {"_Z27GetLiveCamDetectorFuncTablev", "GetLiveCamDetectorFuncTable"};
 constexpr SymbolName kImgDiffName = {"szImgDiffDetHandler", "szImgDiffDetHandler"};
 constexpr SymbolName kDetectorName = {"szDetectorHandler", "szDetectorHandler"};
 constexpr SymbolName kLiveCamName = {"szLiveCamDetHandler", "szLiveCamDetHandler"};
@@ -73,6 +79,9 @@ std::unique_ptr<PluginModule> PluginModule::Load(const std::string& path, std::s
     const bool ok = Resolve(handle, kMotionDetFactory, e.motionDetFactory, path, error) &&
                     Resolve(handle, kReleaseMotionDet, e.releaseMotionDet, path, error) &&
                     Resolve(handle, kGetMdFuncTable, e.getMdFuncTable, path, error) &&
+                    Resolve(handle, kLiveCamFactory, e.liveCamFactory, path, error) &&
+                    Resolve(handle, kReleaseLiveCam, e.releaseLiveCam, path, error) &&
+                    Resolve(handle, kGetLiveCamFuncTable, e.getLiveCamFuncTable, path, error) &&
                     Resolve(handle, kImgDiffName, e.imgDiffName, path, error) &&
                     Resolve(handle, kDetectorName, e.detectorName, path, error) &&
                     Resolve(handle, kLiveCamName, e.liveCamName, path, error) &&
@@ -109,6 +118,16 @@ DPObjectBase* PluginModule::TWMotionDetFactory(Camera* camera, EventBuf* eventBu
 void PluginModule::ReleaseTWMotionDet(DPObjectBase*& obj) const { m_pEntries->releaseMotionDet(obj); }
 
 std::map<int, MemFuncBase*>* PluginModule::GetTWMdFuncTable() const { return m_pEntries->getMdFuncTable(); }
+
+DPObjectBase* PluginModule::LiveCamDetectorFactory(Camera* camera, EventBuf* eventBuf) const {
+    return m_pEntries->liveCamFactory(camera, eventBuf);
+}
+
+void PluginModule::ReleaseLiveCamDetector(DPObjectBase*& obj) const { m_pEntries->releaseLiveCam(obj); }
+
+std::map<int, MemFuncBase*>* PluginModule::GetLiveCamDetectorFuncTable() const {
+    return m_pEntries->getLiveCamFuncTable();
+}
 
 const char* PluginModule::ImgDiffDetHandlerName() const { return *m_pEntries->imgDiffName; }
 const char* PluginModule::DetectorHandlerName() const { return *m_pEntries->detectorName; }

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "camera/livecamdetector.h"
 #include "camera/ssmotiondet.h"
 
 const char* szDetectorHandler = "DetectorHandler";
@@ -40,8 +41,7 @@ void DetectorHandler::SetDetector(DPObjectBase* obj, DetectorType type) {
         SetHandlerBase(obj, GetTWMdFuncTable(), szImgDiffDetHandler);
         break;
     case DET_TYPE_LIVE_CAM:
-        // The live-cam detector's table is not part of this build yet; its records stay
-        // unbound and calls through them report the unregistered functor.
+        SetHandlerBase(obj, GetLiveCamDetectorFuncTable(), szLiveCamDetHandler);
         break;
     default:
         SetHandlerBase(obj, GetDetectorFuncTable(), szDetectorHandler);
@@ -57,6 +57,9 @@ void DetectorHandler::Release() {
     case DET_TYPE_IMG_DIFF:
         ReleaseTWMotionDet(m_pObject);
         break;
+    case DET_TYPE_LIVE_CAM:
+        ReleaseLiveCamDetector(m_pObject);
+        break;
     default:
         ReleaseDetDPObj(m_pObject);
         break;
@@ -69,6 +72,14 @@ DPObjectBase* TWMotionDetFactory(Camera* camera, EventBuf* eventBuf, StreamFifo*
 }
 
 void ReleaseTWMotionDet(DPObjectBase*& obj) {
+    if (obj == nullptr) return;
+    delete obj;
+    obj = nullptr;
+}
+
+DPObjectBase* LiveCamDetectorFactory(Camera* camera, EventBuf* eventBuf) { return new LiveCamDetector(camera, eventBuf); }
+
+void ReleaseLiveCamDetector(DPObjectBase*& obj) {
     if (obj == nullptr) return;
     delete obj;
     obj = nullptr;

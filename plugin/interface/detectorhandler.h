@@ -52,5 +52,8 @@ private:
 
 TW_EXPORT DPObjectBase* TWMotionDetFactory(Camera* camera, EventBuf* eventBuf, StreamFifo* fifo,
                                            FetcherBase* fetcher);
+TW_EXPORT DPObjectBase* LiveCamDetectorFactory(Camera* camera, EventBuf* eventBuf);
 TW_EXPORT std::map<int, MemFuncBase*>* GetTWMdFuncTable();
+TW_EXPORT std::map<int, MemFuncBase*>* GetLiveCamDetectorFuncTable();
 TW_EXPORT void ReleaseTWMotionDet(DPObjectBase*& obj);
+TW_EXPORT void ReleaseLiveCamDetector(DPObjectBase*& obj);

@@ -9,5 +9,7 @@
 void RegisterDetectCommand(CLI::App& app, int& exitCode);
 void RegisterSampleCommand(CLI::App& app, int& exitCode);
 void RegisterStreamCommand(CLI::App& app, int& exitCode);
+void RegisterMobiledCommand(CLI::App& app, int& exitCode);
+void RegisterLiveCamCommand(CLI::App& app, int& exitCode);
 
 #endif

@@ -17,6 +17,8 @@ int main(int argc, char** argv) {
     RegisterDetectCommand(app, exitCode);
     RegisterSampleCommand(app, exitCode);
     RegisterStreamCommand(app, exitCode);
+    RegisterMobiledCommand(app, exitCode);
+    RegisterLiveCamCommand(app, exitCode);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

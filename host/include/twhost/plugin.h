@@ -66,6 +66,9 @@ public:
                                      FetcherBase* fetcher) const;
     void ReleaseTWMotionDet(DPObjectBase*& obj) const;
     std::map<int, MemFuncBase*>* GetTWMdFuncTable() const;
+    DPObjectBase* LiveCamDetectorFactory(Camera* camera, EventBuf* eventBuf) const;
+    void ReleaseLiveCamDetector(DPObjectBase*& obj) const;
+    std::map<int, MemFuncBase*>* GetLiveCamDetectorFuncTable() const;
     const char* ImgDiffDetHandlerName() const;
     const char* DetectorHandlerName() const;
     const char* LiveCamDetHandlerName() const;

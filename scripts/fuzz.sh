@@ -1,0 +1,104 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang (everything instrumented: libFuzzer coverage,
+# AddressSanitizer, UndefinedBehaviorSanitizer) into build-fuzz/ and runs the live-cam stream
+# target for a bounded time on a copy of the seed corpus, so the repository is not modified.
+# Prints the number of executions and the coverage; exits non-zero when the target crashed,
+# leaked, timed out or tripped a sanitizer, leaving the reproducer in <build dir>/fuzz-artifacts/.
+#
+#   scripts/fuzz.sh [-t SECONDS] [-b BUILD_DIR] [-- extra libFuzzer flags]
+#
+# SECONDS defaults to 60 (also settable as TW_FUZZ_SECONDS); BUILD_DIR to build-fuzz.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+SECONDS_TO_RUN=${TW_FUZZ_SECONDS:-60}
+BUILD_DIR=build-fuzz
+TARGET=livecam_stream_fuzz
+CORPUS=fuzz/corpus/livecam_stream
+
+usage() { sed -n '2,11s/^# \{0,1\}//p' "$0"; }
+while (($#)); do
+  case "$1" in
+    -t) [[ $# -ge 2 ]] || { echo "fuzz.sh: -t needs a number of seconds" >&2; exit 2; }
+        SECONDS_TO_RUN=$2; shift 2 ;;
+    -b) [[ $# -ge 2 ]] || { echo "fuzz.sh: -b needs a build directory" >&2; exit 2; }
+        BUILD_DIR=$2; shift 2 ;;
+    -h|--help) usage; exit 0 ;;
+    --) shift; break ;;
+    *) echo "fuzz.sh: unknown argument '$1' (see --help)" >&2; exit 2 ;;
+  esac
+done
+if ! [[ "$SECONDS_TO_RUN" =~ ^[1-9][0-9]*$ ]]; then
+  echo "fuzz.sh: the run time must be a positive number of seconds, not '$SECONDS_TO_RUN'" >&2
+  exit 2
+fi
+
+# clang with its libFuzzer runtime (libclang-rt-14-dev), plus what the normal build needs.
+PACKAGES=(clang-14 libclang-rt-14-dev cmake pkg-config
+          libjsoncpp-dev libjpeg62-turbo-dev
+          libavformat-dev libavcodec-dev libswscale-dev libavutil-dev)
+missing=()
+for p in "${PACKAGES[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if ((${#missing[@]})); then
+  echo "Installing: ${missing[*]}"
+  SUDO=""
+  [ "$(id -u)" -ne 0 ] && SUDO="sudo"
+  $SUDO apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+CC_BIN=$(command -v clang-14 || command -v clang || true)
+CXX_BIN=$(command -v clang++-14 || command -v clang++ || true)
+if [[ -z "$CC_BIN" || -z "$CXX_BIN" ]]; then
+  echo "fuzz.sh: clang/clang++ not found after installing clang-14" >&2
+  exit 1
+fi
+
+JOBS=$(nproc 2>/dev/null || echo 2)
+mkdir -p "$BUILD_DIR"
+# CMake drops the -D options of a cache whose compiler changes; start such a cache afresh.
+cache="$BUILD_DIR/CMakeCache.txt"
+if [[ -f "$cache" ]] && { ! grep -qxF "CMAKE_CXX_COMPILER:STRING=$CXX_BIN" "$cache" ||
+                          ! grep -qxF "CMAKE_C_COMPILER:STRING=$CC_BIN" "$cache"; }; then
+  rm -rf "$cache" "$BUILD_DIR/CMakeFiles"
+fi
+cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_C_COMPILER="$CC_BIN" -DCMAKE_CXX_COMPILER="$CXX_BIN" \
+  -DTW_FUZZ=ON -DTW_BUILD_TESTS=OFF -DTW_BUILD_BENCH=OFF > "$BUILD_DIR/configure.log" 2>&1 || {
+  cat "$BUILD_DIR/configure.log"; exit 1; }
+cmake --build "$BUILD_DIR" -j"$JOBS" --target "$TARGET"
+
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/tw-fuzz.XXXXXX")
+trap 'rm -rf "$WORK"' EXIT
+mkdir -p "$WORK/corpus"
+cp "$CORPUS"/* "$WORK/corpus/"
+ARTIFACTS="$PWD/$BUILD_DIR/fuzz-artifacts"
+mkdir -p "$ARTIFACTS"
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+echo "== $TARGET for $SECONDS_TO_RUN s on a copy of $CORPUS"
+# Full-length inputs from the start: the buffer's overflow path needs more than 2046 bytes in
+# one connection, which libFuzzer's gradual growth of input length does not reach in a minute.
+set +e
+"$BUILD_DIR/bin/$TARGET" -max_total_time="$SECONDS_TO_RUN" -timeout=20 -max_len=4096 -len_control=0 \
+  -print_final_stats=1 -artifact_prefix="$ARTIFACTS/" "$@" "$WORK/corpus" > "$WORK/log" 2>&1
+rc=$?
+set -e
+
+execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$WORK/log" | tail -n 1)
+last=$(grep -E '^#[0-9]+' "$WORK/log" | tail -n 1 || true)
+cov=$(sed -n 's/.* cov: \([0-9]*\).*/\1/p' <<< "$last")
+ft=$(sed -n 's/.* ft: \([0-9]*\).*/\1/p' <<< "$last")
+corp=$(sed -n 's/.* corp: \([0-9]*\/[0-9]*[a-zA-Z]*\).*/\1/p' <<< "$last")
+echo "executions: ${execs:-unknown}"
+echo "coverage: ${cov:-unknown} edges, ${ft:-unknown} features, corpus ${corp:-unknown}"
+if ((rc != 0)); then
+  # The report (sanitizer trace or the harness's own message) and where the input went.
+  grep -vE '^#[0-9]+|^INFO:' "$WORK/log" | tail -n 80 >&2
+  echo "fuzz.sh: $TARGET failed (exit $rc); reproduce with: $BUILD_DIR/bin/$TARGET <artifact from $ARTIFACTS>" >&2
+  exit 1
+fi
+echo "no crash"
