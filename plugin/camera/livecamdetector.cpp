@@ -49,32 +49,12 @@ std::string AnswerError(const Json::Value& answer) {
     return msg.isConvertibleTo(Json::stringValue) ? msg.asString() : std::string();
 }
 
-TWFuncTable* g_pLiveCamFuncTable = nullptr;
-
-bool RegisterLiveCamFuncTable() {
-    static MemFunc<int, LiveCamDetector> s_Start(&LiveCamDetector::Start);
-    static MemFunc<int, LiveCamDetector> s_Stop(&LiveCamDetector::Stop);
-    static MemFunc<bool, LiveCamDetector> s_IsActivated(&LiveCamDetector::IsActivated);
-    static MemFunc<bool, LiveCamDetector> s_IsShareEnabled(&LiveCamDetector::IsShareEnabled);
-    static MemFunc<void, LiveCamDetector, int, const std::map<int, std::string>&, int> s_SetDetParam(
-        &LiveCamDetector::SetDetParam);
-    // Constructed after the functors, so it is destroyed before them at unload.
-    static TWFuncTable s_Table;
-    s_Table[0] = &s_Start;
-    s_Table[1] = &s_Stop;
-    s_Table[2] = &s_IsActivated;
-    s_Table[3] = &s_IsShareEnabled;
-    s_Table[4] = &s_SetDetParam;
-    g_pLiveCamFuncTable = &s_Table;
-    return true;
-}
-
-const bool g_blLiveCamFuncTableRegistered = RegisterLiveCamFuncTable();
+// Complete once the module is loaded.
+TWFuncTable* const g_pLiveCamFuncTable = RegisterDetectorFuncTable<LiveCamDetector>();
 
 }  // namespace
 
 std::map<int, MemFuncBase*>* GetLiveCamDetectorFuncTable() {
-    (void)g_blLiveCamFuncTableRegistered;
     return g_pLiveCamFuncTable;
 }
 

@@ -42,32 +42,11 @@ int g_LearnFrameCnt = 0;
 
 namespace {
 
-TWFuncTable* g_pMdFuncTable = nullptr;
-
-bool RegisterMdFuncTable() {
-    static MemFunc<int, TWMotionDet> s_Start(&TWMotionDet::Start);
-    static MemFunc<int, TWMotionDet> s_Stop(&TWMotionDet::Stop);
-    static MemFunc<bool, TWMotionDet> s_IsActivated(&TWMotionDet::IsActivated);
-    static MemFunc<bool, TWMotionDet> s_IsShareEnabled(&TWMotionDet::IsShareEnabled);
-    static MemFunc<void, TWMotionDet, int, const std::map<int, std::string>&, int> s_SetDetParam(
-        &TWMotionDet::SetDetParam);
-    // Constructed after the functors, so it is destroyed before them at unload.
-    static TWFuncTable s_Table;
-    s_Table[0] = &s_Start;
-    s_Table[1] = &s_Stop;
-    s_Table[2] = &s_IsActivated;
-    s_Table[3] = &s_IsShareEnabled;
-    s_Table[4] = &s_SetDetParam;
-    g_pMdFuncTable = &s_Table;
-    return true;
-}
-
-const bool g_blMdFuncTableRegistered = RegisterMdFuncTable();
+TWFuncTable* const g_pMdFuncTable = RegisterDetectorFuncTable<TWMotionDet>();
 
 }  // namespace
 
 std::map<int, MemFuncBase*>* GetTWMdFuncTable() {
-    (void)g_blMdFuncTableRegistered;
     return g_pMdFuncTable;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <string>
 
 #include "interface/twexport.h"
 #include "tw/handler.h"
@@ -193,3 +194,22 @@ inline R RunFunctor(const FunctorBase& record, A... args) {
 
 // A class's function table: function ID to functor, complete once the module is loaded.
 typedef std::map<int, MemFuncBase*> TWFuncTable;
+
+// The table of a detector class: 0 Start, 1 Stop, 2 IsActivated, 3 IsShareEnabled,
+// 4 SetDetParam. Called once from the initialiser of the class's source file. The functors
+// are constructed before the table, so at unload the table is destroyed first.
+template <typename Det>
+TWFuncTable* RegisterDetectorFuncTable() {
+    static MemFunc<int, Det> s_Start(&Det::Start);
+    static MemFunc<int, Det> s_Stop(&Det::Stop);
+    static MemFunc<bool, Det> s_IsActivated(&Det::IsActivated);
+    static MemFunc<bool, Det> s_IsShareEnabled(&Det::IsShareEnabled);
+    static MemFunc<void, Det, int, const std::map<int, std::string>&, int> s_SetDetParam(&Det::SetDetParam);
+    static TWFuncTable s_Table;
+    s_Table[0] = &s_Start;
+    s_Table[1] = &s_Stop;
+    s_Table[2] = &s_IsActivated;
+    s_Table[3] = &s_IsShareEnabled;
+    s_Table[4] = &s_SetDetParam;
+    return &s_Table;
+}
