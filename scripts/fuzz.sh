@@ -37,17 +37,8 @@ fi
 PACKAGES=(clang-14 libclang-rt-14-dev cmake pkg-config
           libjsoncpp-dev libjpeg62-turbo-dev
           libavformat-dev libavcodec-dev libswscale-dev libavutil-dev)
-missing=()
-for p in "${PACKAGES[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if ((${#missing[@]})); then
-  echo "Installing: ${missing[*]}"
-  SUDO=""
-  [ "$(id -u)" -ne 0 ] && SUDO="sudo"
-  $SUDO apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
+. scripts/packages.sh
+ensure_packages "${PACKAGES[@]}"
 
 CC_BIN=$(command -v clang-14 || command -v clang || true)
 CXX_BIN=$(command -v clang++-14 || command -v clang++ || true)

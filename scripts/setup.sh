@@ -9,17 +9,8 @@ PACKAGES=(build-essential cmake pkg-config
           libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
           libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev)
 
-missing=()
-for p in "${PACKAGES[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if ((${#missing[@]})); then
-  echo "Installing: ${missing[*]}"
-  SUDO=""
-  [ "$(id -u)" -ne 0 ] && SUDO="sudo"
-  $SUDO apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
+. scripts/packages.sh
+ensure_packages "${PACKAGES[@]}"
 
 JOBS=$(nproc 2>/dev/null || echo 2)
 build() {

@@ -41,13 +41,8 @@ using tw::test::livecam::PathExists;
 using tw::test::livecam::SocketPath;
 using tw::test::livecam::StreamClient;
 
-using Event = std::pair<bool, int>;
-
-std::vector<Event> Events(const EventBuf& buf) {
-    std::vector<Event> out;
-    for (const tw::host::EventRecord& r : tw::host::GetEventHistory(buf)) out.emplace_back(r.motion, r.value);
-    return out;
-}
+using tw::test::livecam::Event;
+using tw::test::livecam::Events;
 
 bool IsOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 

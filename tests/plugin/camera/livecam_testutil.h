@@ -17,11 +17,13 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include "twhost/eventlog.h"
 #include "twhost/logsink.h"
 #include "twhost/mobiled.h"
 
@@ -238,6 +240,15 @@ inline std::vector<tw::host::LogRecord> FindMatching(tw::host::CaptureLogSink& s
     for (const tw::host::LogRecord& r : sink.Records())
         if (MatchesPattern(r.message.c_str(), pattern.c_str())) found.push_back(r);
     return found;
+}
+
+// What an event buffer was told, in order: (motion, value).
+using Event = std::pair<bool, int>;
+
+inline std::vector<Event> Events(const EventBuf& buf) {
+    std::vector<Event> out;
+    for (const tw::host::EventRecord& r : tw::host::GetEventHistory(buf)) out.emplace_back(r.motion, r.value);
+    return out;
 }
 
 }  // namespace tw::test::livecam

@@ -31,13 +31,8 @@ using tw::test::livecam::MobiledRequest;
 using tw::test::livecam::PathExists;
 using tw::test::livecam::SocketPath;
 
-using Event = std::pair<bool, int>;
-
-std::vector<Event> Events(const EventBuf& buf) {
-    std::vector<Event> out;
-    for (const tw::host::EventRecord& r : tw::host::GetEventHistory(buf)) out.emplace_back(r.motion, r.value);
-    return out;
-}
+using tw::test::livecam::Event;
+using tw::test::livecam::Events;
 
 Camera LiveCamera(int id) { return tw::host::MakeCamera(id, VIDEO_CODEC_H264); }
 
