@@ -36,7 +36,7 @@ fi
 # clang with its libFuzzer runtime (libclang-rt-14-dev), plus what the normal build needs.
 PACKAGES=(clang-14 libclang-rt-14-dev cmake pkg-config
           libjsoncpp-dev libjpeg62-turbo-dev
-          libavformat-dev libavcodec-dev libswscale-dev libavutil-dev)
+          libavformat-dev libavcodec-dev libswscale-dev libavutil-dev libmodbus-dev)
 . scripts/packages.sh
 ensure_packages "${PACKAGES[@]}"
 

@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
 # Installs what the build needs (Debian packages) and builds into build/ (and, with
-# --asan, into build-asan/ with AddressSanitizer and UndefinedBehaviorSanitizer).
+# --asan, into build-asan/ with AddressSanitizer and UndefinedBehaviorSanitizer; with
+# --tsan, into build-tsan/ with ThreadSanitizer).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 PACKAGES=(build-essential cmake pkg-config
           libjsoncpp-dev libjpeg62-turbo-dev
           libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
-          libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev)
+          libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
+          libmodbus-dev)
 
 . scripts/packages.sh
 ensure_packages "${PACKAGES[@]}"
@@ -22,7 +24,17 @@ build() {
 
 mkdir -p build
 build build
-if [[ "${1:-}" == "--asan" ]]; then
-  mkdir -p build-asan
-  build build-asan -DTW_SANITIZE=ON -DTW_BUILD_BENCH=OFF
-fi
+for arg in "$@"; do
+  case "$arg" in
+    --asan)
+      mkdir -p build-asan
+      build build-asan -DTW_SANITIZE=ON -DTW_BUILD_BENCH=OFF ;;
+    --tsan)
+      # ThreadSanitizer: the plug-in, the host and the concurrency tests only.
+      mkdir -p build-tsan
+      build build-tsan -DTW_TSAN=ON -DTW_BUILD_BENCH=OFF ;;
+    *)
+      echo "setup.sh: unknown option '$arg' (known: --asan, --tsan)" >&2
+      exit 2 ;;
+  esac
+done

@@ -1,16 +1,20 @@
 #!/usr/bin/env bash
-# Set-up, build (normal and ASan+UBSan), then the whole test suite in both builds, then a
-# bounded run of the fuzz targets (clang, libFuzzer).
+# Set-up, build (normal, ASan+UBSan and TSan), then the whole test suite in the first two
+# builds and the concurrency tests under TSan, then a bounded run of the fuzz targets
+# (clang, libFuzzer).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh --asan
+scripts/setup.sh --asan --tsan
 JOBS=$(nproc 2>/dev/null || echo 2)
-# Each build gets its own shared-memory key space so the two runs cannot meet.
+# Each build gets its own shared-memory key space so that the runs cannot meet.
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 echo "== tests (normal build)"
 (cd build && TW_SHM_KEY_BASE=0x54570000 ctest -j"$JOBS" --output-on-failure --timeout 300 "$@")
 echo "== tests (ASan + UBSan build)"
 (cd build-asan && TW_SHM_KEY_BASE=0x54670000 ctest -j"$JOBS" --output-on-failure --timeout 600 "$@")
+echo "== concurrency tests (TSan build)"
+(cd build-tsan && TW_SHM_KEY_BASE=0x54770000 TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1} \
+   ctest -j"$JOBS" --output-on-failure --timeout 600 -L race "$@")
 echo "== fuzzing the live-cam event stream parser (bounded)"
 scripts/fuzz.sh -t "${TW_FUZZ_SECONDS:-60}"

@@ -32,6 +32,7 @@ int64_t ManualClock::NowUs() {
 void ManualClock::SleepUntilUs(int64_t deadlineUs) {
     std::unique_lock<std::mutex> lock(m_Mutex);
     m_Waits.push_back(deadlineUs - m_NowUs);
+    ++m_WaitsBegun;
     if (m_blAutoAdvance) {
         int64_t target = deadlineUs;
         if (m_AdvanceLimitUs >= 0 && target > m_AdvanceLimitUs) target = m_AdvanceLimitUs;
@@ -80,6 +81,30 @@ std::vector<int64_t> ManualClock::TakeWaits() {
 void ManualClock::WaitForSleepers(int n) {
     std::unique_lock<std::mutex> lock(m_Mutex);
     m_Cond.wait(lock, [&] { return m_Sleepers >= n; });
+}
+
+uint64_t ManualClock::WaitsBegun() {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    return m_WaitsBegun;
+}
+
+void ManualClock::WaitForWaitsBegun(uint64_t n) {
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    m_Cond.wait(lock, [&] { return m_WaitsBegun >= n; });
+}
+
+void ManualClock::NoteCondWaitBegin(int64_t relativeUs) {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    m_Waits.push_back(relativeUs);
+    ++m_WaitsBegun;
+    ++m_Sleepers;
+    m_Cond.notify_all();
+}
+
+void ManualClock::NoteCondWaitEnd() {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    --m_Sleepers;
+    m_Cond.notify_all();
 }
 
 namespace {

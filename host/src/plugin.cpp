@@ -24,6 +24,13 @@ struct PluginModule::EntryPoints {
     void (*handlerSetDetector)(void*, DPObjectBase*, DetectorType) = nullptr;
     DetectorType (*handlerGetDetType)(void*) = nullptr;
     void (*handlerRelease)(void*) = nullptr;
+    void (*executorCtor)(void*) = nullptr;
+    void (*executorDtor)(void*) = nullptr;
+    int (*executorInit)(void*, int, int, DeviceAPIHandler*, IOModuleStatus*) = nullptr;
+    int (*executorGetStatus)(void*, std::map<int, int>&, std::map<int, int>&) = nullptr;
+    int (*executorDoAction)(void*, int, const std::map<int, IOActExecCond>&,
+                            const std::map<int, IOActExecCond>&, bool) = nullptr;
+    int (*executorTerminate)(void*) = nullptr;
 };
 
 namespace {
@@ -49,6 +56,16 @@ constexpr SymbolName kHandlerSetDetector = {"_ZN15DetectorHandler11SetDetectorEP
                                             "DetectorHandler::SetDetector"};
 constexpr SymbolName kHandlerGetDetType = {"_ZN15DetectorHandler10GetDetTypeEv", "DetectorHandler::GetDetType"};
 constexpr SymbolName kHandlerRelease = {"_ZN15DetectorHandler7ReleaseEv", "DetectorHandler::Release"};
+constexpr SymbolName kExecutorCtor = {"_ZN13IOActExecutorC1Ev", "IOActExecutor::IOActExecutor()"};
+constexpr SymbolName kExecutorDtor = {"_ZN13IOActExecutorD1Ev", "IOActExecutor::~IOActExecutor()"};
+constexpr SymbolName kExecutorInit = {"_ZN13IOActExecutor4InitEiiP16DeviceAPIHandlerP14IOModuleStatus",
+                                      "IOActExecutor::Init"};
+constexpr SymbolName kExecutorGetStatus = {
+    "_ZN13IOActExecutor9GetStatusERSt3mapIiiSt4lessIiESaISt4pairIKiiEEES8_", "IOActExecutor::GetStatus"};
+constexpr SymbolName kExecutorDoAction = {
+    "_ZN13IOActExecutor8DoActionEiRKSt3mapIi13IOActExecCondSt4lessIiESaISt4pairIKiS1_EEESA_b",
+    "IOActExecutor::DoAction"};
+constexpr SymbolName kExecutorTerminate = {"_ZN13IOActExecutor9TerminateEv", "IOActExecutor::Terminate"};
 
 template <typename T>
 bool Resolve(void* handle, const SymbolName& name, T& out, const std::string& path, std::string& error) {
@@ -88,7 +105,13 @@ std::unique_ptr<PluginModule> PluginModule::Load(const std::string& path, std::s
                     Resolve(handle, kHandlerCtor, e.handlerCtor, path, error) &&
                     Resolve(handle, kHandlerSetDetector, e.handlerSetDetector, path, error) &&
                     Resolve(handle, kHandlerGetDetType, e.handlerGetDetType, path, error) &&
-                    Resolve(handle, kHandlerRelease, e.handlerRelease, path, error);
+                    Resolve(handle, kHandlerRelease, e.handlerRelease, path, error) &&
+                    Resolve(handle, kExecutorCtor, e.executorCtor, path, error) &&
+                    Resolve(handle, kExecutorDtor, e.executorDtor, path, error) &&
+                    Resolve(handle, kExecutorInit, e.executorInit, path, error) &&
+                    Resolve(handle, kExecutorGetStatus, e.executorGetStatus, path, error) &&
+                    Resolve(handle, kExecutorDoAction, e.executorDoAction, path, error) &&
+                    Resolve(handle, kExecutorTerminate, e.executorTerminate, path, error);
     if (!ok) return nullptr;  // the destructor closes the library
     return module;
 }
@@ -140,6 +163,37 @@ std::unique_ptr<DetectorHandlerProxy> PluginModule::NewDetectorHandler() const {
     m_pEntries->handlerCtor(memory);
     return std::unique_ptr<DetectorHandlerProxy>(new DetectorHandlerProxy(*this, memory));
 }
+
+std::unique_ptr<IOActExecutorProxy> PluginModule::NewIOActExecutor() const {
+    // The layout is the plug-in's header's; only its code is taken from the module.
+    void* memory = ::operator new(sizeof(IOActExecutor));
+    m_pEntries->executorCtor(memory);
+    return std::unique_ptr<IOActExecutorProxy>(new IOActExecutorProxy(*this, memory));
+}
+
+IOActExecutorProxy::IOActExecutorProxy(const PluginModule& module, void* executor)
+    : m_Module(module), m_pExecutor(executor) {}
+
+IOActExecutorProxy::~IOActExecutorProxy() {
+    m_Module.m_pEntries->executorDtor(m_pExecutor);
+    ::operator delete(m_pExecutor);
+}
+
+int IOActExecutorProxy::Init(int moduleId, int doCount, DeviceAPIHandler* deviceApi,
+                             IOModuleStatus* ioStatus) {
+    return m_Module.m_pEntries->executorInit(m_pExecutor, moduleId, doCount, deviceApi, ioStatus);
+}
+
+int IOActExecutorProxy::GetStatus(std::map<int, int>& actSts, std::map<int, int>& doSts) {
+    return m_Module.m_pEntries->executorGetStatus(m_pExecutor, actSts, doSts);
+}
+
+int IOActExecutorProxy::DoAction(int actFlags, const std::map<int, IOActExecCond>& audioConds,
+                                 const std::map<int, IOActExecCond>& doConds, bool extraFlag) {
+    return m_Module.m_pEntries->executorDoAction(m_pExecutor, actFlags, audioConds, doConds, extraFlag);
+}
+
+int IOActExecutorProxy::Terminate() { return m_Module.m_pEntries->executorTerminate(m_pExecutor); }
 
 DetectorHandlerProxy::DetectorHandlerProxy(const PluginModule& module, void* handler)
     : m_Module(module), m_pMemory(handler), m_pHandler(reinterpret_cast<TWHandlerBase*>(handler)) {}

@@ -180,16 +180,11 @@ int ReadNewest(ShmHeader* h, bool keyOnly, int& id, unsigned char*& frame, int& 
 
 }  // namespace
 
-bool LiveStreamShmKey(int camId, int streamNo, key_t& key, std::string& error) {
-    if (camId < 0) {
-        error = "invalid camera id " + std::to_string(camId);
-        return false;
-    }
-    if (streamNo < 0 || streamNo >= kShmStreamsPerCamera) {
-        error = "invalid stream number " + std::to_string(streamNo) + " (0.." +
-                std::to_string(kShmStreamsPerCamera - 1) + ")";
-        return false;
-    }
+namespace {
+
+// base + offset as a key; false with error for an unreadable TW_SHM_KEY_BASE or the
+// private key.
+bool KeyFromBase(uint64_t offset, const std::string& what, key_t& key, std::string& error) {
     int64_t base = kShmDefaultKeyBase;
     const char* env = std::getenv("TW_SHM_KEY_BASE");
     if (env != nullptr && *env != '\0') {
@@ -202,16 +197,42 @@ bool LiveStreamShmKey(int camId, int streamNo, key_t& key, std::string& error) {
         }
         base = value;
     }
-    const uint64_t raw = static_cast<uint64_t>(base) +
-                         static_cast<uint64_t>(camId) * kShmStreamsPerCamera +
-                         static_cast<uint64_t>(streamNo);
+    const uint64_t raw = static_cast<uint64_t>(base) + offset;
     key = static_cast<key_t>(static_cast<uint32_t>(raw));
     if (key == IPC_PRIVATE) {
-        error = "camera " + std::to_string(camId) + " stream " + std::to_string(streamNo) +
-                " maps to the private shared-memory key";
+        error = what + " maps to the private shared-memory key";
         return false;
     }
     return true;
+}
+
+}  // namespace
+
+bool LiveStreamShmKey(int camId, int streamNo, key_t& key, std::string& error) {
+    // Ids above 0x7fff would reach the key ranges of the devices' other records.
+    if (camId < 0 || camId > 0x7fff) {
+        error = "invalid camera id " + std::to_string(camId) + " (0..32767)";
+        return false;
+    }
+    if (streamNo < 0 || streamNo >= kShmStreamsPerCamera) {
+        error = "invalid stream number " + std::to_string(streamNo) + " (0.." +
+                std::to_string(kShmStreamsPerCamera - 1) + ")";
+        return false;
+    }
+    const uint64_t offset = static_cast<uint64_t>(camId) * kShmStreamsPerCamera +
+                            static_cast<uint64_t>(streamNo);
+    return KeyFromBase(offset,
+                       "camera " + std::to_string(camId) + " stream " + std::to_string(streamNo),
+                       key, error);
+}
+
+bool DeviceShmKey(ShmKeySpace space, int devId, key_t& key, std::string& error) {
+    if (devId < 0 || devId > 0xffff) {
+        error = "invalid device id " + std::to_string(devId) + " (0..65535)";
+        return false;
+    }
+    const uint64_t offset = static_cast<uint64_t>(space) + static_cast<uint64_t>(devId);
+    return KeyFromBase(offset, "device " + std::to_string(devId), key, error);
 }
 
 // ---------------------------------------------------------------------------------------

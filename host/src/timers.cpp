@@ -1,5 +1,6 @@
 // DelayTimer, TimeCount and CondTimedWaitNoLock on the host clock.
 #include <cerrno>
+#include <memory>
 
 #include "tw/time.h"
 #include "twhost/clock.h"
@@ -35,13 +36,25 @@ bool TimeCount::IsExceed() {
 
 int CondTimedWaitNoLock(pthread_cond_t& cond, pthread_mutex_t& mutex, timespec& abstime,
                         bool /*blRealTime*/) {
-    tw::host::Clock& clock = GetClock();
-    if (!clock.IsManual()) return pthread_cond_timedwait(&cond, &mutex, &abstime);
-    // Under a manual clock the deadline is a point on that clock: wait for a signal in short
-    // real slices and give up once the manual time has reached the deadline.
-    const long long deadlineUs = static_cast<long long>(abstime.tv_sec) * 1000000 + abstime.tv_nsec / 1000;
+    std::shared_ptr<tw::host::Clock> clockPtr = tw::host::GetClockPtr();
+    auto* manual = dynamic_cast<tw::host::ManualClock*>(clockPtr.get());
+    if (manual == nullptr) return pthread_cond_timedwait(&cond, &mutex, &abstime);
+
+    // Callers compute the deadline from CLOCK_MONOTONIC. Under a manual clock the same
+    // distance is waited on the manual time line instead: the wait ends when the test (or
+    // the offline reader) has moved the manual time that far, or on a signal. The real
+    // waiting is done in short slices, so a signal is never missed and no real deadline
+    // is ever reached by accident.
+    timespec realNow{};
+    clock_gettime(CLOCK_MONOTONIC, &realNow);
+    long long relativeUs = (static_cast<long long>(abstime.tv_sec) - realNow.tv_sec) * 1000000LL +
+                           (static_cast<long long>(abstime.tv_nsec) - realNow.tv_nsec) / 1000;
+    if (relativeUs < 0) relativeUs = 0;
+    const long long deadlineUs = manual->NowUs() + relativeUs;
+    manual->NoteCondWaitBegin(relativeUs);
+    int rc = ETIMEDOUT;
     for (;;) {
-        if (clock.NowUs() >= deadlineUs) return ETIMEDOUT;
+        if (manual->NowUs() >= deadlineUs) break;
         timespec slice{};
         clock_gettime(CLOCK_MONOTONIC, &slice);
         slice.tv_nsec += 2 * 1000 * 1000;
@@ -49,8 +62,12 @@ int CondTimedWaitNoLock(pthread_cond_t& cond, pthread_mutex_t& mutex, timespec& 
             slice.tv_sec += 1;
             slice.tv_nsec -= 1000000000;
         }
-        const int rc = pthread_cond_timedwait(&cond, &mutex, &slice);
-        if (rc == 0) return 0;
-        if (rc != ETIMEDOUT) return rc;
+        const int sliceRc = pthread_cond_timedwait(&cond, &mutex, &slice);
+        if (sliceRc != ETIMEDOUT) {
+            rc = sliceRc;
+            break;
+        }
     }
+    manual->NoteCondWaitEnd();
+    return rc;
 }

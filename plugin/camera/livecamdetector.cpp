@@ -18,6 +18,7 @@
 
 #include "interface/detectorhandler.h"
 #include "interface/handlerutils.h"
+#include "interface/jsonanswer.h"
 #include "interface/twlog.h"
 #include "tw/mobiled.h"
 #include "tw/util.h"
@@ -35,19 +36,6 @@ constexpr int kOverflowLimit = TW_LIVECAM_RECV_BUF_SIZE - 2;
 constexpr unsigned long kSunPathSize = 108;
 const char kStreamKind[] = "event";
 const char kSocketPrefix[] = "tw_livecam_detector_";
-
-// The answer is the host's; whatever its shape, reading it must not throw.
-bool AnswerSucceeded(const Json::Value& answer) {
-    if (!answer.isObject()) return false;
-    const Json::Value& success = answer["success"];
-    return success.isConvertibleTo(Json::booleanValue) && success.asBool();
-}
-
-std::string AnswerError(const Json::Value& answer) {
-    if (!answer.isObject()) return std::string();
-    const Json::Value& msg = answer["errorMsg"];
-    return msg.isConvertibleTo(Json::stringValue) ? msg.asString() : std::string();
-}
 
 // Complete once the module is loaded.
 TWFuncTable* const g_pLiveCamFuncTable = RegisterDetectorFuncTable<LiveCamDetector>();
@@ -143,7 +131,7 @@ int LiveCamDetector::NotifyDaemonStartStm(const std::string& socketName) {
     }
     if (AnswerSucceeded(answer)) return 0;
     // A refused start is routine for a phone that is away; only tracing shows it.
-    TWLOG(6, "Mobile start event stream failed: %s\n", AnswerError(answer).c_str());
+    TWLOG(6, "Mobile start event stream failed: %s\n", AnswerString(answer, "errorMsg").c_str());
     return -1;
 }
 
@@ -154,7 +142,7 @@ int LiveCamDetector::NotifyDaemonStopStm() {
         return -1;
     }
     if (AnswerSucceeded(answer)) return 0;
-    TWLOG(3, "Mobile stop event stream failed: %s\n", AnswerError(answer).c_str());
+    TWLOG(3, "Mobile stop event stream failed: %s\n", AnswerString(answer, "errorMsg").c_str());
     return -1;
 }
 

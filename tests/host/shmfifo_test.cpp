@@ -129,7 +129,7 @@ TEST_F(ShmFifoTest, StreamNumberOutsideTheCameraOrNegativeCameraIsRefused) {
     EXPECT_FALSE(LiveStreamShmKey(7201, 8, key, error));
     EXPECT_EQ(error, "invalid stream number 8 (0..7)");
     EXPECT_FALSE(LiveStreamShmKey(-1, 0, key, error));
-    EXPECT_EQ(error, "invalid camera id -1");
+    EXPECT_EQ(error, "invalid camera id -1 (0..32767)");
     EXPECT_EQ(LiveStreamFifoAt(7201, 8), nullptr);
 
     ShmStreamPublisher publisher(7201, -1);

@@ -1,7 +1,13 @@
 // Timers of the host on the manual clock, and the clock itself.
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+#include <time.h>
+
+#include <atomic>
+#include <cerrno>
 #include <thread>
+#include <vector>
 
 #include "tw/time.h"
 #include "twhost/clock.h"
@@ -81,20 +87,88 @@ TEST(ManualClockDriven, SleeperWaitsUntilTheTestAdvances) {
     EXPECT_TRUE(woke);
 }
 
-TEST(ManualClockDriven, CondTimedWaitTimesOutOnTheManualDeadline) {
+// A deadline taken from CLOCK_MONOTONIC, as the plug-in computes it.
+timespec RealDeadlineIn(long long us) {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    long long ns = ts.tv_nsec + us * 1000;
+    ts.tv_sec += ns / 1000000000;
+    ts.tv_nsec = ns % 1000000000;
+    return ts;
+}
+
+struct MonotonicCond {
+    MonotonicCond() {
+        pthread_condattr_t attr;
+        pthread_condattr_init(&attr);
+        pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+        pthread_cond_init(&cond, &attr);
+        pthread_condattr_destroy(&attr);
+    }
+    ~MonotonicCond() {
+        pthread_cond_destroy(&cond);
+        pthread_mutex_destroy(&mutex);
+    }
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t cond;
+};
+
+TEST(ManualClockDriven, CondTimedWaitLastsItsDistanceOnTheManualClock) {
     auto clock = std::make_shared<ManualClock>(0, false);
     tw::host::SetClock(clock);
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-    pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
-    std::thread advancer([&] {
-        clock->SleepUntilUs(0);  // lets the test see the thread running
-        clock->Advance(2000000);
+    MonotonicCond mc;
+    std::atomic<int> result{-1};
+    std::thread waiter([&] {
+        pthread_mutex_lock(&mc.mutex);
+        timespec deadline = RealDeadlineIn(1000000);   // 1 s from now
+        result = CondTimedWaitNoLock(mc.cond, mc.mutex, deadline, false);
+        pthread_mutex_unlock(&mc.mutex);
     });
-    pthread_mutex_lock(&mutex);
-    timespec deadline{1, 0};  // 1 s on the manual clock
-    EXPECT_EQ(CondTimedWaitNoLock(cond, mutex, deadline, false), ETIMEDOUT);
-    pthread_mutex_unlock(&mutex);
-    advancer.join();
+    clock->WaitForWaitsBegun(1);
+    clock->WaitForSleepers(1);
+    clock->Advance(500000);
+    EXPECT_EQ(result.load(), -1);   // half the distance: still waiting
+    clock->Advance(500000);
+    waiter.join();
+    EXPECT_EQ(result.load(), ETIMEDOUT);
+    const std::vector<int64_t> waits = clock->TakeWaits();
+    ASSERT_EQ(waits.size(), 1u);
+    EXPECT_GT(waits[0], 900000);
+    EXPECT_LE(waits[0], 1000000);
+    tw::host::SetClock(nullptr);
+}
+
+TEST(ManualClockDriven, CondTimedWaitEndsOnASignalWithoutTimeMoving) {
+    auto clock = std::make_shared<ManualClock>(0, false);
+    tw::host::SetClock(clock);
+    MonotonicCond mc;
+    std::atomic<int> result{-1};
+    std::thread waiter([&] {
+        pthread_mutex_lock(&mc.mutex);
+        timespec deadline = RealDeadlineIn(1000000);
+        result = CondTimedWaitNoLock(mc.cond, mc.mutex, deadline, false);
+        pthread_mutex_unlock(&mc.mutex);
+    });
+    clock->WaitForWaitsBegun(1);
+    // The waiter holds the mutex until it is inside the wait, so this signal reaches it.
+    pthread_mutex_lock(&mc.mutex);
+    pthread_cond_signal(&mc.cond);
+    pthread_mutex_unlock(&mc.mutex);
+    waiter.join();
+    EXPECT_EQ(result.load(), 0);
+    EXPECT_EQ(clock->NowUs(), 0);
+    tw::host::SetClock(nullptr);
+}
+
+TEST(ManualClockDriven, CondTimedWaitWithAPassedDeadlineTimesOutAtOnce) {
+    auto clock = std::make_shared<ManualClock>(0, false);
+    tw::host::SetClock(clock);
+    MonotonicCond mc;
+    pthread_mutex_lock(&mc.mutex);
+    timespec deadline{0, 0};
+    EXPECT_EQ(CondTimedWaitNoLock(mc.cond, mc.mutex, deadline, false), ETIMEDOUT);
+    pthread_mutex_unlock(&mc.mutex);
+    EXPECT_EQ(clock->WaitsBegun(), 1u);
     tw::host::SetClock(nullptr);
 }
 

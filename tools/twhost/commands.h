@@ -11,5 +11,6 @@ void RegisterSampleCommand(CLI::App& app, int& exitCode);
 void RegisterStreamCommand(CLI::App& app, int& exitCode);
 void RegisterMobiledCommand(CLI::App& app, int& exitCode);
 void RegisterLiveCamCommand(CLI::App& app, int& exitCode);
+void RegisterIOActionCommand(CLI::App& app, int& exitCode);
 
 #endif

@@ -19,6 +19,7 @@ int main(int argc, char** argv) {
     RegisterStreamCommand(app, exitCode);
     RegisterMobiledCommand(app, exitCode);
     RegisterLiveCamCommand(app, exitCode);
+    RegisterIOActionCommand(app, exitCode);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

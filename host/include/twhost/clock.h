@@ -48,6 +48,15 @@ public:
     std::vector<int64_t> TakeWaits();
     // Blocks the calling (test) thread until at least n sleepers are waiting.
     void WaitForSleepers(int n);
+    // How many waits (sleeps and condition waits) have begun on this clock so far; a test
+    // that saw n can wait for a worker's next wait with WaitForWaitsBegun(n + 1).
+    uint64_t WaitsBegun();
+    void WaitForWaitsBegun(uint64_t n);
+
+    // A condition wait of relativeUs on this clock begins or ends (CondTimedWaitNoLock):
+    // it counts as a sleeper and its wait is recorded like a sleep's.
+    void NoteCondWaitBegin(int64_t relativeUs);
+    void NoteCondWaitEnd();
 
 private:
     std::mutex m_Mutex;
@@ -56,6 +65,7 @@ private:
     bool m_blAutoAdvance;
     int64_t m_AdvanceLimitUs = -1;
     int m_Sleepers = 0;
+    uint64_t m_WaitsBegun = 0;
     std::vector<int64_t> m_Waits;
 };
 

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "actionrule/ioactionExecutor.h"
 #include "interface/detectorhandler.h"
 #include "tw/handler.h"
 
@@ -53,6 +54,27 @@ private:
     TWHandlerBase* m_pHandler;
 };
 
+// An IOActExecutor of the plug-in, made and driven through its resolved member functions.
+// Destroying the proxy destroys the executor (which terminates a running one).
+class IOActExecutorProxy {
+public:
+    ~IOActExecutorProxy();
+    IOActExecutorProxy(const IOActExecutorProxy&) = delete;
+    IOActExecutorProxy& operator=(const IOActExecutorProxy&) = delete;
+
+    int Init(int moduleId, int doCount, DeviceAPIHandler* deviceApi, IOModuleStatus* ioStatus);
+    int GetStatus(std::map<int, int>& actSts, std::map<int, int>& doSts);
+    int DoAction(int actFlags, const std::map<int, IOActExecCond>& audioConds,
+                 const std::map<int, IOActExecCond>& doConds, bool extraFlag);
+    int Terminate();
+
+private:
+    friend class PluginModule;
+    IOActExecutorProxy(const PluginModule& module, void* executor);
+    const PluginModule& m_Module;
+    void* m_pExecutor;
+};
+
 class PluginModule {
 public:
     // Opens the library with RTLD_NOW and resolves every entry point; null and an error
@@ -74,6 +96,7 @@ public:
     const char* LiveCamDetHandlerName() const;
 
     std::unique_ptr<DetectorHandlerProxy> NewDetectorHandler() const;
+    std::unique_ptr<IOActExecutorProxy> NewIOActExecutor() const;
 
     // Any symbol of the plug-in by name, or null.
     void* Symbol(const char* name) const;
@@ -83,6 +106,7 @@ public:
 
 private:
     friend class DetectorHandlerProxy;
+    friend class IOActExecutorProxy;
     PluginModule() = default;
     void* m_pHandle = nullptr;
     std::string m_strPath;

@@ -4,7 +4,8 @@
 // LiveStreamUpdater).
 //
 // Segment keys are deterministic: base + camId * 8 + streamNo, with streamNo 0..7 and the
-// base 0x54570000. The environment variable TW_SHM_KEY_BASE (decimal, or hex with 0x)
+// base 0x54570000; other shared records of devices use their own ranges above the live
+// FIFOs (ShmKeySpace). The environment variable TW_SHM_KEY_BASE (decimal, or hex with 0x)
 // replaces the base, so that parallel test runs or several hosts on one machine do not
 // meet in each other's segments; publisher and readers must agree on it.
 //
@@ -30,6 +31,18 @@ constexpr size_t kShmMaxExtraData = 1024;
 // Several seconds of 1080p H.264 at camera bit rates.
 constexpr size_t kShmDefaultDataBytes = 8u << 20;
 constexpr int kShmDefaultEntries = 1024;
+
+// Key ranges, as offsets from the base, of the shared records of devices. Each range holds
+// ids 0 .. 0xffff; the live FIFOs take the offsets below the first of them.
+enum class ShmKeySpace : uint32_t {
+    DevStatus = 0x40000,       // TWDevStatus of a camera, speaker or I/O module
+    AudioOutFifo = 0x50000,    // audio-out FIFO of a camera or I/O module
+    SpeakerAudioFifo = 0x60000 // audio-out FIFO of an IP speaker
+};
+
+// The key of a device's record in one of those ranges. False with error for an id outside
+// 0 .. 0xffff or an unreadable TW_SHM_KEY_BASE.
+bool DeviceShmKey(ShmKeySpace space, int devId, key_t& key, std::string& error);
 
 // The key of the live FIFO of (camId, streamNo). False with error for a negative camera
 // id, a stream number outside 0..7 or an unreadable TW_SHM_KEY_BASE.

@@ -1,0 +1,93 @@
+// Executor of action-rule actions on one network I/O module: it holds digital outputs in
+// their trigger state for a time or until stopped, and plays audio patterns on the
+// module's audio output a number of times or until stopped, reporting per action a status
+// that the host polls. One worker thread does all timed work, once a second or at once
+// when a request arrives.
+#pragma once
+
+#include <pthread.h>
+
+#include <map>
+#include <string>
+
+#include "interface/twexport.h"
+#include "tw/devstatus.h"
+#include "tw/time.h"
+
+class DeviceAPIHandler;
+
+// Action type of the audio-out action: the only key of the audio-side maps.
+constexpr int IOACT_TYPE_AUDIO_OUT = 9;
+
+// Bits of the action-flag word passed to DoAction.
+enum : int {
+    IOACT_FLAG_AUDIO_OUT = 0x200,
+    IOACT_FLAG_DO_TRIGGER = 0x400,     // digital output, trigger state true
+    IOACT_FLAG_DO_UNTRIGGER = 0x4000,  // digital output, trigger state false
+};
+
+// One action request: for the audio action (key 9) or for one digital-output port.
+struct IOActExecCond {
+    bool blStop;          // stop the running action (audio) / return the output to normal
+    int audioPatternId;   // audio: the pattern to play
+    int times;            // audio: number of plays when holdMode is 0
+    long long period;     // audio: gap between plays; output: hold time, -2 until stopped
+    int holdMode;         // audio: 0 counted plays, else until stopped;
+                          // output: 0 timed, 1 held and re-asserted, else held
+};
+
+class TW_EXPORT IOActExecutor {
+public:
+    IOActExecutor();
+    ~IOActExecutor();
+    IOActExecutor(const IOActExecutor&) = delete;
+    IOActExecutor& operator=(const IOActExecutor&) = delete;
+
+    int Init(int moduleId, int doCount, DeviceAPIHandler* deviceApi, IOModuleStatus* ioStatus);
+    int GetStatus(std::map<int, int>& actSts, std::map<int, int>& doSts);
+    int DoAction(int actFlags, const std::map<int, IOActExecCond>& audioConds,
+                 const std::map<int, IOActExecCond>& doConds, bool extraFlag);
+    int Terminate();
+
+    static void* ThreadFuncExcute(void* executor);
+    int ExecuteMain();
+    void ExecAudioOut();
+    void ExecDO();
+    bool IsDOFinished(int portIndex);
+    int DoAudioOut();
+    void UpdateActStatus();
+
+private:
+    friend struct IOActExecutorAccess;   // white-box checks of the request maps
+
+    // The timed step of the audio action: the play count, the next play, the stop.
+    void ExecTimsAct(int actType, int cmd, int& playCount, TimeCount& timer);
+
+    bool m_blRunning;
+    bool m_blSkipWait;
+    int m_ModuleId;
+    std::map<int, int> m_AudioTimes;
+    std::map<int, long long> m_AudioPeriod;
+    std::map<int, int> m_AudioHoldMode;
+    std::string m_strAudioFilePath;
+    std::map<int, int> m_ActStatus;
+    std::map<int, int> m_AudioCmd;
+    std::map<int, long long> m_DODuration;
+    std::map<int, int> m_DOHoldMode;
+    std::map<int, int> m_DOCmd;
+    std::map<int, int> m_DOStatus;
+    std::map<int, int> m_DOCheckCount;
+    std::map<int, int> m_DOActFlags;
+    std::map<int, TimeCount> m_DOTimer;
+    DeviceAPIHandler* m_pDevApiHandler;
+    pthread_t m_Thread;
+    std::map<int, int> m_AudioPlayCount;
+    std::map<int, TimeCount> m_AudioTimer;
+    IOModuleStatus* m_pIOStatus;
+    pthread_mutex_t m_Mutex;
+    pthread_cond_t m_Cond;
+    // Whether Init has set up m_Cond (and tried to start the worker) and whether the worker
+    // exists, so that Terminate and the destructor never join or destroy what is not there.
+    bool m_blInited;
+    bool m_blThreadCreated;
+};
