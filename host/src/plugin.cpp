@@ -31,6 +31,13 @@ struct PluginModule::EntryPoints {
     int (*executorDoAction)(void*, int, const std::map<int, IOActExecCond>&,
                             const std::map<int, IOActExecCond>&, bool) = nullptr;
     int (*executorTerminate)(void*) = nullptr;
+    void (*audioOutCtor)(void*, int, int) = nullptr;
+    void (*audioOutDtor)(void*) = nullptr;
+    int (*audioOutInit)(void*) = nullptr;
+    int (*audioOutStartFile)(void*, const std::string&, bool) = nullptr;
+    int (*audioOutStartLive)(void*, bool) = nullptr;
+    int (*audioOutStop)(void*) = nullptr;
+    bool (*audioOutIsManual)(void*) = nullptr;
 };
 
 namespace {
@@ -66,6 +73,15 @@ constexpr SymbolName kExecutorDoAction = {
     "_ZN13IOActExecutor8DoActionEiRKSt3mapIi13IOActExecCondSt4lessIiESaISt4pairIKiS1_EEESA_b",
     "IOActExecutor::DoAction"};
 constexpr SymbolName kExecutorTerminate = {"_ZN13IOActExecutor9TerminateEv", "IOActExecutor::Terminate"};
+constexpr SymbolName kAudioOutCtor = {"_ZN8AudioOutC1Eii", "AudioOut::AudioOut(int, int)"};
+constexpr SymbolName kAudioOutDtor = {"_ZN8AudioOutD1Ev", "AudioOut::~AudioOut()"};
+constexpr SymbolName kAudioOutInit = {"_ZN8AudioOut4InitEv", "AudioOut::Init"};
+constexpr SymbolName kAudioOutStartFile = {
+    "_ZN8AudioOut5StartERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEb",
+    "AudioOut::Start(const std::string&, bool)"};
+constexpr SymbolName kAudioOutStartLive = {"_ZN8AudioOut5StartEb", "AudioOut::Start(bool)"};
+constexpr SymbolName kAudioOutStop = {"_ZN8AudioOut4StopEv", "AudioOut::Stop"};
+constexpr SymbolName kAudioOutIsManual = {"_ZN8AudioOut17IsManualOutputingEv", "AudioOut::IsManualOutputing"};
 
 template <typename T>
 bool Resolve(void* handle, const SymbolName& name, T& out, const std::string& path, std::string& error) {
@@ -111,7 +127,14 @@ std::unique_ptr<PluginModule> PluginModule::Load(const std::string& path, std::s
                     Resolve(handle, kExecutorInit, e.executorInit, path, error) &&
                     Resolve(handle, kExecutorGetStatus, e.executorGetStatus, path, error) &&
                     Resolve(handle, kExecutorDoAction, e.executorDoAction, path, error) &&
-                    Resolve(handle, kExecutorTerminate, e.executorTerminate, path, error);
+                    Resolve(handle, kExecutorTerminate, e.executorTerminate, path, error) &&
+                    Resolve(handle, kAudioOutCtor, e.audioOutCtor, path, error) &&
+                    Resolve(handle, kAudioOutDtor, e.audioOutDtor, path, error) &&
+                    Resolve(handle, kAudioOutInit, e.audioOutInit, path, error) &&
+                    Resolve(handle, kAudioOutStartFile, e.audioOutStartFile, path, error) &&
+                    Resolve(handle, kAudioOutStartLive, e.audioOutStartLive, path, error) &&
+                    Resolve(handle, kAudioOutStop, e.audioOutStop, path, error) &&
+                    Resolve(handle, kAudioOutIsManual, e.audioOutIsManual, path, error);
     if (!ok) return nullptr;  // the destructor closes the library
     return module;
 }
@@ -170,6 +193,27 @@ std::unique_ptr<IOActExecutorProxy> PluginModule::NewIOActExecutor() const {
     m_pEntries->executorCtor(memory);
     return std::unique_ptr<IOActExecutorProxy>(new IOActExecutorProxy(*this, memory));
 }
+
+std::unique_ptr<AudioOutProxy> PluginModule::NewAudioOut(int devId, int devType) const {
+    void* memory = ::operator new(sizeof(AudioOut));
+    m_pEntries->audioOutCtor(memory, devId, devType);
+    return std::unique_ptr<AudioOutProxy>(new AudioOutProxy(*this, memory));
+}
+
+AudioOutProxy::AudioOutProxy(const PluginModule& module, void* out) : m_Module(module), m_pOut(out) {}
+
+AudioOutProxy::~AudioOutProxy() {
+    m_Module.m_pEntries->audioOutDtor(m_pOut);
+    ::operator delete(m_pOut);
+}
+
+int AudioOutProxy::Init() { return m_Module.m_pEntries->audioOutInit(m_pOut); }
+int AudioOutProxy::Start(const std::string& filePath, bool manual) {
+    return m_Module.m_pEntries->audioOutStartFile(m_pOut, filePath, manual);
+}
+int AudioOutProxy::Start(bool manual) { return m_Module.m_pEntries->audioOutStartLive(m_pOut, manual); }
+int AudioOutProxy::Stop() { return m_Module.m_pEntries->audioOutStop(m_pOut); }
+bool AudioOutProxy::IsManualOutputing() { return m_Module.m_pEntries->audioOutIsManual(m_pOut); }
 
 IOActExecutorProxy::IOActExecutorProxy(const PluginModule& module, void* executor)
     : m_Module(module), m_pExecutor(executor) {}

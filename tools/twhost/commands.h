@@ -12,5 +12,7 @@ void RegisterStreamCommand(CLI::App& app, int& exitCode);
 void RegisterMobiledCommand(CLI::App& app, int& exitCode);
 void RegisterLiveCamCommand(CLI::App& app, int& exitCode);
 void RegisterIOActionCommand(CLI::App& app, int& exitCode);
+void RegisterAudioOutCommand(CLI::App& app, int& exitCode);
+void RegisterAudioFeedCommand(CLI::App& app, int& exitCode);
 
 #endif

@@ -20,6 +20,8 @@ int main(int argc, char** argv) {
     RegisterMobiledCommand(app, exitCode);
     RegisterLiveCamCommand(app, exitCode);
     RegisterIOActionCommand(app, exitCode);
+    RegisterAudioOutCommand(app, exitCode);
+    RegisterAudioFeedCommand(app, exitCode);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

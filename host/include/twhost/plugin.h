@@ -8,6 +8,7 @@
 #include <string>
 
 #include "actionrule/ioactionExecutor.h"
+#include "camera/audioout.h"
 #include "interface/detectorhandler.h"
 #include "tw/handler.h"
 
@@ -75,6 +76,27 @@ private:
     void* m_pExecutor;
 };
 
+// An AudioOut of the plug-in, made and driven through its resolved member functions.
+// Destroying the proxy destroys the output (which stops a running one).
+class AudioOutProxy {
+public:
+    ~AudioOutProxy();
+    AudioOutProxy(const AudioOutProxy&) = delete;
+    AudioOutProxy& operator=(const AudioOutProxy&) = delete;
+
+    int Init();
+    int Start(const std::string& filePath, bool manual);
+    int Start(bool manual);
+    int Stop();
+    bool IsManualOutputing();
+
+private:
+    friend class PluginModule;
+    AudioOutProxy(const PluginModule& module, void* out);
+    const PluginModule& m_Module;
+    void* m_pOut;
+};
+
 class PluginModule {
 public:
     // Opens the library with RTLD_NOW and resolves every entry point; null and an error
@@ -97,6 +119,7 @@ public:
 
     std::unique_ptr<DetectorHandlerProxy> NewDetectorHandler() const;
     std::unique_ptr<IOActExecutorProxy> NewIOActExecutor() const;
+    std::unique_ptr<AudioOutProxy> NewAudioOut(int devId, int devType) const;
 
     // Any symbol of the plug-in by name, or null.
     void* Symbol(const char* name) const;
@@ -107,6 +130,7 @@ public:
 private:
     friend class DetectorHandlerProxy;
     friend class IOActExecutorProxy;
+    friend class AudioOutProxy;
     PluginModule() = default;
     void* m_pHandle = nullptr;
     std::string m_strPath;

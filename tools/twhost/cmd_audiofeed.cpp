@@ -1,0 +1,289 @@
+// "twhost audiofeed": plays the part of the recorder's audio input. It creates the
+// shared-memory audio-out FIFO of one device and fills it in real time, from the data chunk
+// of a WAV file or from raw bytes on standard input, until the source ends or SIGINT /
+// SIGTERM; an audio-out streamer of the plug-in (in another process) reads the FIFO and
+// sends the audio to the device. The FIFO is removed at the end.
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "twhost/audiofifo.h"
+#include "twhost/wavfile.h"
+
+namespace tw::host {
+namespace {
+
+const char* const kCmd = "twhost audiofeed";
+
+struct AudioFeedOptions {
+    std::string m_strSource;
+    int m_DevId = -1;
+    bool m_blSpeaker = false;
+    int m_ByteRate = 0;   // 0: from the WAV header
+};
+
+std::string Seconds(double sec) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "%.1f", sec);
+    return text;
+}
+
+std::string KeyText(key_t key) {
+    char text[16];
+    std::snprintf(text, sizeof(text), "0x%08x", static_cast<unsigned>(key));
+    return text;
+}
+
+const char* TagName(uint16_t tag) {
+    switch (tag) {
+    case WAV_FORMAT_PCM: return "PCM";
+    case WAV_FORMAT_MULAW: return "G.711 mu-law";
+    case WAV_FORMAT_ALAW: return "G.711 A-law";
+    default: return "format";
+    }
+}
+
+// Where the bytes come from: a WAV file's data chunk, or standard input.
+class FeedSource {
+public:
+    ~FeedSource() {
+        if (m_pFile != nullptr) std::fclose(m_pFile);
+    }
+
+    // 0, or the exit status of a failure (message printed).
+    int Open(const AudioFeedOptions& options) {
+        if (options.m_strSource == "-") {
+            m_blStdin = true;
+            if (options.m_ByteRate <= 0) {
+                std::fprintf(stderr, "%s: raw input from standard input needs --byte-rate\n", kCmd);
+                return 2;
+            }
+            m_ByteRate = options.m_ByteRate;
+            m_Align = 1;
+            m_strDescription = "standard input (raw)";
+            return 0;
+        }
+        WavInfo info;
+        std::string error;
+        if (!ReadWavInfo(options.m_strSource, info, error)) {
+            std::fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
+            return 1;
+        }
+        m_ByteRate = options.m_ByteRate > 0 ? options.m_ByteRate
+                                            : static_cast<int>(std::min<uint32_t>(info.byteRate, 1u << 30));
+        if (m_ByteRate <= 0) {
+            std::fprintf(stderr, "%s: '%s' declares a byte rate of 0; give --byte-rate\n", kCmd,
+                         options.m_strSource.c_str());
+            return 1;
+        }
+        m_pFile = std::fopen(options.m_strSource.c_str(), "rb");
+        if (m_pFile == nullptr ||
+            std::fseek(m_pFile, static_cast<long>(info.dataOffset), SEEK_SET) != 0) {
+            std::fprintf(stderr, "%s: cannot read '%s': %s\n", kCmd, options.m_strSource.c_str(),
+                         std::strerror(errno));
+            return 1;
+        }
+        m_Remaining = info.dataBytes;
+        m_Align = info.blockAlign > 0 ? info.blockAlign : 1;
+        char text[160];
+        std::snprintf(text, sizeof(text), "'%s' (%s, %u Hz, %u-bit, %u ch, %s s)",
+                      options.m_strSource.c_str(), TagName(info.formatTag), info.sampleRate,
+                      info.bitsPerSample, info.channels,
+                      Seconds(static_cast<double>(info.dataBytes) / m_ByteRate).c_str());
+        m_strDescription = text;
+        return 0;
+    }
+
+    int GetByteRate() const { return m_ByteRate; }
+    size_t GetAlign() const { return m_Align; }
+    bool IsStdin() const { return m_blStdin; }
+    const std::string& Describe() const { return m_strDescription; }
+
+    // Up to size bytes; 0 at the end, -1 on a read error (errno set).
+    ssize_t Read(unsigned char* buf, size_t size) {
+        if (m_blStdin) {
+            ssize_t got = 0;
+            do {
+                got = read(STDIN_FILENO, buf, size);
+            } while (got < 0 && errno == EINTR);
+            return got;
+        }
+        const size_t want = static_cast<size_t>(std::min<int64_t>(m_Remaining, static_cast<int64_t>(size)));
+        if (want == 0) return 0;
+        const size_t got = std::fread(buf, 1, want, m_pFile);
+        if (got == 0 && std::ferror(m_pFile)) return -1;
+        m_Remaining = got == 0 ? 0 : m_Remaining - static_cast<int64_t>(got);
+        return static_cast<ssize_t>(got);
+    }
+
+private:
+    bool m_blStdin = false;
+    FILE* m_pFile = nullptr;
+    int64_t m_Remaining = 0;
+    int m_ByteRate = 0;
+    size_t m_Align = 1;
+    std::string m_strDescription;
+};
+
+// Blocks SIGINT and SIGTERM for the life of the object and hands them out through a
+// descriptor, so that waiting for the next block, or for standard input, ends on a signal.
+class StopSignals {
+public:
+    StopSignals() {
+        sigemptyset(&m_Set);
+        sigaddset(&m_Set, SIGINT);
+        sigaddset(&m_Set, SIGTERM);
+        sigprocmask(SIG_BLOCK, &m_Set, &m_OldMask);
+        m_Fd = signalfd(-1, &m_Set, SFD_CLOEXEC | SFD_NONBLOCK);
+    }
+    ~StopSignals() {
+        // A second signal that came meanwhile is spent: the work it asked for is done.
+        signalfd_siginfo info;
+        while (m_Fd >= 0 && read(m_Fd, &info, sizeof(info)) == sizeof(info)) {
+        }
+        if (m_Fd >= 0) close(m_Fd);
+        sigprocmask(SIG_SETMASK, &m_OldMask, nullptr);
+    }
+    bool Ok() const { return m_Fd >= 0; }
+    int GetFd() const { return m_Fd; }
+    // The signal that came, 0 for none.
+    int Take() {
+        signalfd_siginfo info;
+        if (read(m_Fd, &info, sizeof(info)) == sizeof(info)) return static_cast<int>(info.ssi_signo);
+        return 0;
+    }
+
+private:
+    sigset_t m_Set;
+    sigset_t m_OldMask;
+    int m_Fd = -1;
+};
+
+using SteadyClock = std::chrono::steady_clock;
+
+// Waits until when, or for a stop signal (returned), or, with waitInput, for standard input
+// to become readable (returns 0 then too).
+int WaitFor(StopSignals& signals, SteadyClock::time_point when, bool waitInput) {
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(when - SteadyClock::now());
+        const int timeout = waitInput ? -1 : static_cast<int>(std::max<int64_t>(0, left.count()));
+        if (!waitInput && left.count() <= 0) return 0;
+        pollfd fds[2] = {{signals.GetFd(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+        const int ready = poll(fds, waitInput ? 2 : 1, timeout);
+        if (ready < 0 && errno != EINTR) return 0;
+        if (ready > 0 && (fds[0].revents & POLLIN)) {
+            const int sig = signals.Take();
+            if (sig != 0) return sig;
+        }
+        if (waitInput && ready > 0 && fds[1].revents != 0) return 0;
+    }
+}
+
+int RunAudioFeed(const AudioFeedOptions& options) {
+    FeedSource source;
+    const int openResult = source.Open(options);
+    if (openResult != 0) return openResult;
+
+    StopSignals signals;
+    if (!signals.Ok()) {
+        std::fprintf(stderr, "%s: cannot watch for signals: %s\n", kCmd, std::strerror(errno));
+        return 1;
+    }
+    AudioOutFifoWriter writer(options.m_DevId, options.m_blSpeaker);
+    std::string error;
+    if (!writer.Open(error)) {
+        std::fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
+        return 1;
+    }
+    const int byteRate = source.GetByteRate();
+    std::printf("%s: feeding %s at %d bytes/s into the %s, shared-memory key %s\n", kCmd,
+                source.Describe().c_str(), byteRate, writer.Describe().c_str(),
+                KeyText(writer.GetKey()).c_str());
+    std::fflush(stdout);
+
+    // Blocks of about 20 ms, whole sample frames, written when they are due in real time.
+    size_t block = std::max<size_t>(1, static_cast<size_t>(byteRate) / 50);
+    block = std::max(source.GetAlign(), block / source.GetAlign() * source.GetAlign());
+    std::vector<unsigned char> buf(block);
+    const auto start = SteadyClock::now();
+    uint64_t fed = 0;
+    uint64_t reportedSec = 0;
+    const char* why = "source ended";
+    int status = 0;
+    for (;;) {
+        const auto due = start + std::chrono::microseconds(
+                                     static_cast<int64_t>(fed * 1000000ull / static_cast<uint64_t>(byteRate)));
+        int sig = WaitFor(signals, due, false);
+        if (sig == 0 && source.IsStdin()) sig = WaitFor(signals, due, true);
+        if (sig != 0) {
+            why = sig == SIGINT ? "interrupted" : "terminated";
+            break;
+        }
+        const ssize_t got = source.Read(buf.data(), buf.size());
+        if (got < 0) {
+            std::fprintf(stderr, "%s: cannot read %s: %s\n", kCmd, source.Describe().c_str(),
+                         std::strerror(errno));
+            why = "read failed";
+            status = 1;
+            break;
+        }
+        if (got == 0) break;
+        writer.Write(buf.data(), static_cast<size_t>(got));
+        fed += static_cast<uint64_t>(got);
+        // Progress every five seconds of audio.
+        const uint64_t sec = fed / static_cast<uint64_t>(byteRate) / 5 * 5;
+        if (sec > reportedSec) {
+            reportedSec = sec;
+            std::printf("%s: %llu s fed, %llu bytes (%llu dropped, %zu queued)\n", kCmd,
+                        static_cast<unsigned long long>(sec), static_cast<unsigned long long>(fed),
+                        static_cast<unsigned long long>(writer.GetDroppedBytes()),
+                        writer.GetQueuedBytes());
+            std::fflush(stdout);
+        }
+    }
+    const double elapsedSec =
+        std::chrono::duration<double>(SteadyClock::now() - start).count();
+    const uint64_t dropped = writer.GetDroppedBytes();
+    const size_t unread = writer.GetQueuedBytes();
+    writer.Close();
+    std::printf("%s: %s after %s s: %llu bytes fed (%llu dropped, %zu unread); audio-out FIFO "
+                "removed\n",
+                kCmd, why, Seconds(elapsedSec).c_str(), static_cast<unsigned long long>(fed),
+                static_cast<unsigned long long>(dropped), unread);
+    std::fflush(stdout);
+    return status;
+}
+
+}  // namespace
+}  // namespace tw::host
+
+void RegisterAudioFeedCommand(CLI::App& app, int& exitCode) {
+    auto options = std::make_shared<tw::host::AudioFeedOptions>();
+    CLI::App* sub = app.add_subcommand(
+        "audiofeed", "Fill the shared-memory audio-out FIFO of a device in real time from a WAV "
+                     "file or raw standard input, until it ends or SIGINT/SIGTERM");
+    sub->add_option("SOURCE", options->m_strSource,
+                    "WAV file (its data chunk is fed), or - for raw bytes on standard input")
+        ->required();
+    sub->add_option("--device-id", options->m_DevId,
+                    "Device whose FIFO to fill: camera or I/O module id, or IP speaker id with "
+                    "--speaker")
+        ->required()
+        ->check(CLI::Range(1, 65535));
+    sub->add_flag("--speaker", options->m_blSpeaker, "The device is an IP speaker");
+    sub->add_option("--byte-rate", options->m_ByteRate,
+                    "Bytes per second to feed (default: the WAV header's; required for raw input)")
+        ->check(CLI::Range(1, 1 << 30));
+    sub->callback([options, &exitCode]() { exitCode = tw::host::RunAudioFeed(*options); });
+}

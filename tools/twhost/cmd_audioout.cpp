@@ -1,0 +1,347 @@
+// twhost audioout: one audio output of the plug-in, playing a WAV file to a device or
+// relaying the device's live shared-memory FIFO (filled by "twhost audiofeed"), into a
+// sink that stands for the device: a WAV file, or an HTTP endpoint as IP cameras and
+// speakers take audio. Progress is printed in seconds of audio sent.
+#include <signal.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "commands.h"
+#include "tw/camera.h"
+#include "twhost/audiosink.h"
+#include "twhost/clock.h"
+#include "twhost/devices.h"
+#include "twhost/devstatus.h"
+#include "twhost/logsink.h"
+#include "twhost/plugin.h"
+#include "twhost/stores.h"
+#include "twhost/wavfile.h"
+
+namespace tw::host {
+namespace {
+
+const char* const kCmd = "twhost audioout";
+
+struct AudioOutOptions {
+    int m_DevId = 0;
+    std::string m_strType = "camera";
+    std::string m_strFile;
+    bool m_blLive = false;
+    bool m_blManual = false;
+    std::string m_strSink;
+    std::string m_strFormat;
+    double m_DurationSec = 0.0;
+    bool m_blJson = false;
+    std::string m_strPlugin;
+    int m_LogLevel = 3;
+};
+
+int LevelNumber(const std::string& text) {
+    static const char* const kLevels[] = {"CRIT", "ERR", "WARN", "NOTICE", "INFO", "DEBUG", "TRACE"};
+    for (int i = 0; i < 7; ++i) {
+        if (text == kLevels[i]) return i + 1;
+    }
+    return 0;
+}
+
+// Passes the messages the user asked for on to stderr, and watches the output's own
+// messages for its end: the plug-in tells its host no other way that an automatic output
+// has finished.
+class WatchingLogSink : public LogSink {
+public:
+    WatchingLogSink(int devId, int userLevel) : m_DevId(devId), m_UserLevel(userLevel) {}
+
+    void Write(const LogRecord& record) override {
+        if (LevelNumber(record.level) <= m_UserLevel || record.blNullLevel) m_Stderr.Write(record);
+        if (record.category != "audioout") return;
+        const std::string dev = "Device[" + std::to_string(m_DevId) + "]: ";
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        if (record.message == dev + "Stop audio out thread done.\n") {
+            m_blEnded = true;
+        } else if (record.message == dev + "Can not attach audio out shared memory.\n") {
+            m_blEnded = true;
+            m_strProblem = "the device has no live audio FIFO (start 'twhost audiofeed' first)";
+        } else if (record.message == dev + "Connect failed.\n") {
+            m_strProblem = "the device could not be connected";
+        } else if (record.message == "Failed to send audio data.\n") {
+            m_strProblem = "sending to the device failed";
+        } else if (record.message.rfind("Open file [", 0) == 0) {
+            m_strProblem = "the file could not be opened";
+        } else if (record.message == dev + "No audio data in share memory.\n") {
+            m_strNote = "the live FIFO ran dry";
+        }
+    }
+
+    bool Ended() {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        return m_blEnded;
+    }
+    std::string Problem() {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        return m_strProblem;
+    }
+    std::string Note() {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        return m_strNote;
+    }
+
+private:
+    int m_DevId;
+    int m_UserLevel;
+    StderrLogSink m_Stderr;
+    std::mutex m_Mutex;
+    bool m_blEnded = false;
+    std::string m_strProblem;
+    std::string m_strNote;
+};
+
+// "CODEC:RATE:BITS:CHANNELS".
+bool ParseFormat(const std::string& text, CAM_CAP_AUDIO_OUT_FORMAT& format, std::string& error) {
+    std::vector<std::string> parts;
+    size_t start = 0;
+    for (;;) {
+        const size_t colon = text.find(':', start);
+        parts.push_back(text.substr(start, colon == std::string::npos ? std::string::npos : colon - start));
+        if (colon == std::string::npos) break;
+        start = colon + 1;
+    }
+    if (parts.size() != 4 || parts[0].empty()) {
+        error = "bad --format '" + text + "': expected CODEC:RATE:BITS:CHANNELS, e.g. PCM:8000:16:1";
+        return false;
+    }
+    int numbers[3] = {0, 0, 0};
+    for (int i = 0; i < 3; ++i) {
+        try {
+            size_t used = 0;
+            numbers[i] = std::stoi(parts[i + 1], &used);
+            if (used != parts[i + 1].size() || numbers[i] <= 0) throw std::invalid_argument("n");
+        } catch (const std::exception&) {
+            error = "bad --format '" + text + "': rate, bits and channels must be positive integers";
+            return false;
+        }
+    }
+    format = CAM_CAP_AUDIO_OUT_FORMAT{parts[0], numbers[0], numbers[1], numbers[2]};
+    return true;
+}
+
+int RunAudioOut(const AudioOutOptions& opt) {
+    DeviceKind kind = DeviceKind::Camera;
+    int devType = DEV_TYPE_CAMERA;
+    if (opt.m_strType == "speaker") {
+        kind = DeviceKind::Speaker;
+        devType = DEV_TYPE_SPEAKER;
+    } else if (opt.m_strType == "iomodule") {
+        kind = DeviceKind::IOModule;
+        devType = DEV_TYPE_IOMODULE;
+    } else if (opt.m_strType != "camera") {
+        std::fprintf(stderr, "%s: bad --type '%s' (camera, speaker or iomodule)\n", kCmd, opt.m_strType.c_str());
+        return 2;
+    }
+    if (opt.m_blLive == !opt.m_strFile.empty()) {
+        std::fprintf(stderr, "%s: give exactly one of --file WAV and --live\n", kCmd);
+        return 2;
+    }
+
+    // The device's format: as given, or the file's own, or 8 kHz 16-bit mono for live audio.
+    CAM_CAP_AUDIO_OUT_FORMAT format{"PCM", 8000, 16, 1};
+    std::string error;
+    if (!opt.m_strFormat.empty()) {
+        if (!ParseFormat(opt.m_strFormat, format, error)) {
+            std::fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
+            return 2;
+        }
+    }
+    if (!opt.m_strFile.empty()) {
+        WavInfo info;
+        if (!ReadWavInfo(opt.m_strFile, info, error)) {
+            std::fprintf(stderr, "%s: bad --file: %s\n", kCmd, error.c_str());
+            return 2;
+        }
+        if (opt.m_strFormat.empty()) {
+            const char* codec = info.formatTag == WAV_FORMAT_MULAW ? "G711U"
+                                : info.formatTag == WAV_FORMAT_ALAW ? "G711A"
+                                                                    : "PCM";
+            format = CAM_CAP_AUDIO_OUT_FORMAT{codec, static_cast<int>(info.sampleRate),
+                                              static_cast<int>(info.bitsPerSample), static_cast<int>(info.channels)};
+        }
+    }
+    std::shared_ptr<AudioSink> sink = MakeAudioSink(opt.m_strSink, format, error);
+    if (!sink) {
+        std::fprintf(stderr, "%s: bad --sink: %s\n", kCmd, error.c_str());
+        return 2;
+    }
+
+    std::unique_ptr<PluginModule> module =
+        PluginModule::Load(opt.m_strPlugin.empty() ? PluginModule::DefaultPath() : opt.m_strPlugin, error);
+    if (!module) {
+        std::fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
+        return 1;
+    }
+
+    AudioDeviceRecord record;
+    record.strName = opt.m_strType + " " + std::to_string(opt.m_DevId);
+    record.blAudioOut = true;
+    record.format = format;
+    record.pSink = sink;
+    if (kind == DeviceKind::Camera) CameraStore::Instance().Put(MakeCamera(opt.m_DevId, VIDEO_CODEC_UNKNOWN));
+    DeviceStore::Instance().Put(kind, opt.m_DevId, record);
+
+    // A manual output is a user's: the device's manual audio-out trigger is set while it
+    // plays, and handed back by the output when it ends by itself.
+    DevStatusRecord status(opt.m_DevId);
+    const bool haveStatus = status.Open(error);
+    if (!haveStatus && opt.m_blManual) {
+        std::fprintf(stderr, "%s: warning: %s; the manual trigger is not shown\n", kCmd, error.c_str());
+    }
+    if (haveStatus && opt.m_blManual) status.Get()->SetManualAOTrig(true);
+
+    auto logs = std::make_shared<WatchingLogSink>(opt.m_DevId, opt.m_LogLevel);
+    SetLogSink(logs);
+    DbgLogConfig logConfig;
+    logConfig.SetAllCategoryLevels(std::max(opt.m_LogLevel, 4));
+    logConfig.Install();
+
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    sigset_t oldMask;
+    pthread_sigmask(SIG_BLOCK, &stopSignals, &oldMask);
+
+    Clock& clock = GetClock();
+    const int64_t epochUs = clock.NowUs();
+    std::unique_ptr<AudioOutProxy> out = module->NewAudioOut(opt.m_DevId, devType);
+    int rc = 0;
+    const char* why = "ended";
+    // Seconds of audio at the device's own rate, which is how the output paces itself.
+    const double sentPerSecond = static_cast<double>(format.sampleRate) * format.bitsPerSample * format.channels / 8;
+    if (out->Init() != 0) {
+        std::fprintf(stderr, "%s: the %s %d could not be set up for audio out\n", kCmd, opt.m_strType.c_str(),
+                     opt.m_DevId);
+        rc = 1;
+    } else if ((opt.m_blLive ? out->Start(opt.m_blManual) : out->Start(opt.m_strFile, opt.m_blManual)) != 0) {
+        std::fprintf(stderr, "%s: the output did not start\n", kCmd);
+        rc = 1;
+    } else {
+        if (!opt.m_blJson) {
+            std::printf("%s: %s to %s %d (%s %d Hz, %d bit, %d channel%s) into %s%s\n", kCmd,
+                        opt.m_blLive ? "live audio" : ("'" + opt.m_strFile + "'").c_str(), opt.m_strType.c_str(),
+                        opt.m_DevId, format.strCodec.c_str(), format.sampleRate, format.bitsPerSample,
+                        format.channels, format.channels == 1 ? "" : "s", sink->Describe().c_str(),
+                        opt.m_blManual ? ", manual" : "");
+            std::fflush(stdout);
+        }
+        Json::StreamWriterBuilder writer;
+        writer["indentation"] = "";
+        writer["precision"] = 3;
+        writer["precisionType"] = "decimal";
+        int64_t lastBytes = -1;
+        const int64_t stopAtUs = opt.m_DurationSec > 0 ? epochUs + static_cast<int64_t>(opt.m_DurationSec * 1e6) : -1;
+        for (;;) {
+            const int64_t now = clock.NowUs();
+            const int64_t bytes = sink->GetCounters().bytes;
+            const bool ended = logs->Ended();
+            if (bytes != lastBytes || ended) {
+                lastBytes = bytes;
+                const double t = static_cast<double>(now - epochUs) / 1e6;
+                const double sec = static_cast<double>(bytes) / sentPerSecond;
+                if (opt.m_blJson) {
+                    Json::Value v(Json::objectValue);
+                    v["t"] = t;
+                    v["bytes"] = static_cast<Json::Int64>(bytes);
+                    v["seconds"] = sec;
+                    std::printf("%s\n", Json::writeString(writer, v).c_str());
+                } else {
+                    std::printf("%8.3f s  sent %.2f s of audio (%lld bytes)\n", t, sec, static_cast<long long>(bytes));
+                }
+                std::fflush(stdout);
+            }
+            if (ended) break;
+            if (stopAtUs >= 0 && now >= stopAtUs) {
+                why = "stopped after --duration";
+                break;
+            }
+            const timespec tick{0, 100 * 1000 * 1000};
+            const int sig = sigtimedwait(&stopSignals, nullptr, &tick);
+            if (sig == SIGINT || sig == SIGTERM) {
+                why = sig == SIGINT ? "interrupted" : "terminated";
+                break;
+            }
+        }
+        out->Stop();
+        if (!logs->Problem().empty()) {
+            std::fprintf(stderr, "%s: %s\n", kCmd, logs->Problem().c_str());
+            rc = 1;
+        }
+    }
+    out.reset();
+    const timespec noWait{0, 0};
+    while (sigtimedwait(&stopSignals, nullptr, &noWait) > 0) {
+    }
+    pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
+    SetLogSink(nullptr);
+
+    const AudioSinkCounters c = sink->GetCounters();
+    if (opt.m_blJson) {
+        Json::Value v(Json::objectValue);
+        v["summary"] = true;
+        v["end"] = why;
+        v["bytes"] = static_cast<Json::Int64>(c.bytes);
+        v["connects"] = c.connects;
+        v["sendFailures"] = c.sendCalls - c.sends;
+        if (haveStatus && opt.m_blManual) v["manualTrigger"] = status.Get()->IsManualAOTrig();
+        Json::StreamWriterBuilder compact;
+        compact["indentation"] = "";
+        std::printf("%s\n", Json::writeString(compact, v).c_str());
+    } else {
+        std::printf("%s: %s; %lld bytes sent over %d connection%s, %d failed send%s%s%s\n", kCmd, why,
+                    static_cast<long long>(c.bytes), c.connects, c.connects == 1 ? "" : "s", c.sendCalls - c.sends,
+                    c.sendCalls - c.sends == 1 ? "" : "s", logs->Note().empty() ? "" : "; ",
+                    logs->Note().c_str());
+        if (haveStatus && opt.m_blManual) {
+            std::printf("%s: manual audio-out trigger of the device: %s\n", kCmd,
+                        status.Get()->IsManualAOTrig() ? "still set" : "handed back");
+        }
+    }
+    std::fflush(stdout);
+    DeviceStore::Instance().Remove(kind, opt.m_DevId);
+    return rc;
+}
+
+}  // namespace
+}  // namespace tw::host
+
+void RegisterAudioOutCommand(CLI::App& app, int& exitCode) {
+    auto opt = std::make_shared<tw::host::AudioOutOptions>();
+    CLI::App* sub = app.add_subcommand(
+        "audioout",
+        "Play a WAV file, or the device's live audio FIFO, to a device through the plug-in's audio "
+        "output, into a sink that stands for the device (a WAV file or an HTTP endpoint)");
+    sub->add_option("--device-id", opt->m_DevId, "id of the device")->required()->check(CLI::PositiveNumber);
+    sub->add_option("--type", opt->m_strType, "kind of device: camera, speaker or iomodule")->capture_default_str();
+    sub->add_option("--file", opt->m_strFile, "play this WAV file once");
+    sub->add_flag("--live", opt->m_blLive, "relay the device's live audio FIFO (see 'twhost audiofeed')");
+    sub->add_flag("--manual", opt->m_blManual, "a user's manual output: not replaced by later automatic ones");
+    sub->add_option("--sink", opt->m_strSink,
+                    "where the device's audio goes: file:OUT.wav, or http://HOST:PORT/PATH (a POST stream); "
+                    "'#refuse-connect', '#fail-send-after=N,fail-sends=M' inject faults")
+        ->required();
+    sub->add_option("--format", opt->m_strFormat,
+                    "the device's audio-out format CODEC:RATE:BITS:CHANNELS (default: the file's own; "
+                    "PCM:8000:16:1 for live audio)");
+    sub->add_option("--duration", opt->m_DurationSec, "stop after this many seconds")->check(CLI::NonNegativeNumber);
+    sub->add_flag("--json", opt->m_blJson, "print JSON lines instead of text");
+    sub->add_option("--plugin", opt->m_strPlugin, "path of libtwdevplugin.so");
+    sub->add_option("--log-level", opt->m_LogLevel, "plug-in log level to print (1..7)")
+        ->check(CLI::Range(0, 7))
+        ->capture_default_str();
+    sub->callback([opt, &exitCode] { exitCode = tw::host::RunAudioOut(*opt); });
+}
