@@ -63,8 +63,8 @@ protected:
     void SetUp() override {
         // A key base of this process's own, so parallel test processes never share segments.
         char base[32];
-        const unsigned slot = static_cast<unsigned>(getpid()) % 2048u;
-        std::snprintf(base, sizeof(base), "0x%x", 0x30000000u + slot * 0x80000u);
+        const unsigned slot = static_cast<unsigned>(getpid()) % 512u;
+        std::snprintf(base, sizeof(base), "0x%x", 0x20000000u + slot * 0x80000u);
         setenv("TW_SHM_KEY_BASE", base, 1);
     }
     void TearDown() override { unsetenv("TW_SHM_KEY_BASE"); }

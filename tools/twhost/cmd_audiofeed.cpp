@@ -5,7 +5,6 @@
 // sends the audio to the device. The FIFO is removed at the end.
 #include <poll.h>
 #include <signal.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "stopsignals.h"
 #include "twhost/audiofifo.h"
 #include "twhost/wavfile.h"
 
@@ -134,40 +134,6 @@ private:
     int m_ByteRate = 0;
     size_t m_Align = 1;
     std::string m_strDescription;
-};
-
-// Blocks SIGINT and SIGTERM for the life of the object and hands them out through a
-// descriptor, so that waiting for the next block, or for standard input, ends on a signal.
-class StopSignals {
-public:
-    StopSignals() {
-        sigemptyset(&m_Set);
-        sigaddset(&m_Set, SIGINT);
-        sigaddset(&m_Set, SIGTERM);
-        sigprocmask(SIG_BLOCK, &m_Set, &m_OldMask);
-        m_Fd = signalfd(-1, &m_Set, SFD_CLOEXEC | SFD_NONBLOCK);
-    }
-    ~StopSignals() {
-        // A second signal that came meanwhile is spent: the work it asked for is done.
-        signalfd_siginfo info;
-        while (m_Fd >= 0 && read(m_Fd, &info, sizeof(info)) == sizeof(info)) {
-        }
-        if (m_Fd >= 0) close(m_Fd);
-        sigprocmask(SIG_SETMASK, &m_OldMask, nullptr);
-    }
-    bool Ok() const { return m_Fd >= 0; }
-    int GetFd() const { return m_Fd; }
-    // The signal that came, 0 for none.
-    int Take() {
-        signalfd_siginfo info;
-        if (read(m_Fd, &info, sizeof(info)) == sizeof(info)) return static_cast<int>(info.ssi_signo);
-        return 0;
-    }
-
-private:
-    sigset_t m_Set;
-    sigset_t m_OldMask;
-    int m_Fd = -1;
 };
 
 using SteadyClock = std::chrono::steady_clock;

@@ -15,6 +15,7 @@
 #include <json/json.h>
 
 #include "commands.h"
+#include "stopsignals.h"
 #include "tw/camera.h"
 #include "twhost/audiosink.h"
 #include "twhost/clock.h"
@@ -209,12 +210,7 @@ int RunAudioOut(const AudioOutOptions& opt) {
     logConfig.SetAllCategoryLevels(std::max(opt.m_LogLevel, 4));
     logConfig.Install();
 
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    sigset_t oldMask;
-    pthread_sigmask(SIG_BLOCK, &stopSignals, &oldMask);
+    StopSignals stopSignals;
 
     Clock& clock = GetClock();
     const int64_t epochUs = clock.NowUs();
@@ -269,10 +265,8 @@ int RunAudioOut(const AudioOutOptions& opt) {
                 why = "stopped after --duration";
                 break;
             }
-            const timespec tick{0, 100 * 1000 * 1000};
-            const int sig = sigtimedwait(&stopSignals, nullptr, &tick);
-            if (sig == SIGINT || sig == SIGTERM) {
-                why = sig == SIGINT ? "interrupted" : "terminated";
+            if (const int sig = stopSignals.Wait(100)) {
+                why = StopSignals::Why(sig);
                 break;
             }
         }
@@ -283,10 +277,6 @@ int RunAudioOut(const AudioOutOptions& opt) {
         }
     }
     out.reset();
-    const timespec noWait{0, 0};
-    while (sigtimedwait(&stopSignals, nullptr, &noWait) > 0) {
-    }
-    pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
     SetLogSink(nullptr);
 
     const AudioSinkCounters c = sink->GetCounters();

@@ -20,6 +20,7 @@
 #include <json/json.h>
 
 #include "commands.h"
+#include "stopsignals.h"
 #include "twhost/clock.h"
 #include "twhost/devstatus.h"
 #include "twhost/iomodule.h"
@@ -366,12 +367,7 @@ int RunIOAction(const IOActionOptions& opt) {
     logConfig.Install();
 
     // The signals are taken by this thread alone: the executor's worker inherits the mask.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    sigset_t oldMask;
-    pthread_sigmask(SIG_BLOCK, &stopSignals, &oldMask);
+    StopSignals stopSignals;
 
     Clock& clock = GetClock();
     const int64_t epochUs = clock.NowUs();
@@ -448,10 +444,8 @@ int RunIOAction(const IOActionOptions& opt) {
                                    lastRequestUs + kSettleUs);
             }
         }
-        const timespec tick{0, 50 * 1000 * 1000};
-        const int sig = sigtimedwait(&stopSignals, nullptr, &tick);
-        if (sig == SIGINT || sig == SIGTERM) {
-            why = sig == SIGINT ? "interrupted" : "terminated";
+        if (const int sig = stopSignals.Wait(50)) {
+            why = StopSignals::Why(sig);
             break;
         }
     }
@@ -463,10 +457,6 @@ int RunIOAction(const IOActionOptions& opt) {
     exec.reset();
     SetIORequestListener(nullptr);
     SetIOModuleBackend(opt.m_ModuleId, nullptr);
-    const timespec noWait{0, 0};
-    while (sigtimedwait(&stopSignals, nullptr, &noWait) > 0) {
-    }
-    pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
     printer.Note(std::string(kCmd) + ": " + why + " after " +
                  std::to_string(static_cast<double>(clock.NowUs() - epochUs) / 1e6).substr(0, 5) +
                  " s; executor terminated");

@@ -17,6 +17,7 @@
 #include <json/json.h>
 
 #include "commands.h"
+#include "stopsignals.h"
 #include "tw/camera.h"
 #include "twhost/clock.h"
 #include "twhost/eventlog.h"
@@ -150,12 +151,7 @@ int RunLiveCam(const LiveCamOptions& opt) {
     EventBuf events(opt.m_CamId);
 
     // The signals are taken by this thread alone: the detector's thread inherits the mask.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    sigset_t oldMask;
-    pthread_sigmask(SIG_BLOCK, &stopSignals, &oldMask);
+    StopSignals stopSignals;
 
     Clock& clock = GetClock();
     const int64_t epochUs = clock.NowUs();
@@ -183,9 +179,7 @@ int RunLiveCam(const LiveCamOptions& opt) {
             if (stopAtUs >= 0 && now >= stopAtUs) break;
             int64_t sliceUs = 100000;
             if (stopAtUs >= 0 && stopAtUs - now < sliceUs) sliceUs = stopAtUs - now;
-            const timespec tick{0, static_cast<long>(sliceUs * 1000)};
-            const int sig = sigtimedwait(&stopSignals, nullptr, &tick);
-            if (sig == SIGINT || sig == SIGTERM) break;
+            if (stopSignals.Wait(static_cast<int>((sliceUs + 999) / 1000)) != 0) break;
         }
         // Stopping waits for the detector's thread, which may be in its pause between cycles.
         handler->Stop();
@@ -194,10 +188,6 @@ int RunLiveCam(const LiveCamOptions& opt) {
     handler.reset();
     SetEventListener(events, nullptr);
     if (noDaemon) SetMobiledHandler(nullptr);
-    const timespec noWait{0, 0};
-    while (sigtimedwait(&stopSignals, nullptr, &noWait) > 0) {
-    }
-    pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
     printer.Summary(static_cast<double>(clock.NowUs() - epochUs) / 1e6);
     return rc;
 }

@@ -13,6 +13,7 @@
 #include <json/json.h>
 
 #include "commands.h"
+#include "stopsignals.h"
 #include "twhost/mobiledaemon.h"
 
 namespace tw::host {
@@ -156,12 +157,7 @@ int RunMobiled(const MobiledOptions& opt) {
     const size_t eventCount = daemonOptions.m_Script.events.size();
 
     // The signals are taken by this thread alone: the daemon's threads inherit the mask.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    sigset_t oldMask;
-    pthread_sigmask(SIG_BLOCK, &stopSignals, &oldMask);
+    StopSignals stopSignals;
 
     std::mutex printMutex;
     const bool json = opt.m_blJson;
@@ -177,7 +173,6 @@ int RunMobiled(const MobiledOptions& opt) {
         std::fflush(stdout);
     });
     if (!daemon.Start(error)) {
-        pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
         std::fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
         return 1;
     }
@@ -197,14 +192,8 @@ int RunMobiled(const MobiledOptions& opt) {
     }
 
     int sig = 0;
-    while (sig != SIGINT && sig != SIGTERM) {
-        sig = sigwaitinfo(&stopSignals, nullptr);
-    }
+    while (sig == 0) sig = stopSignals.Wait(-1);
     daemon.Stop();
-    const timespec noWait{0, 0};
-    while (sigtimedwait(&stopSignals, nullptr, &noWait) > 0) {
-    }
-    pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
     {
         std::lock_guard<std::mutex> lock(printMutex);
         if (json) {
@@ -213,7 +202,7 @@ int RunMobiled(const MobiledOptions& opt) {
             v["signal"] = sig == SIGINT ? "SIGINT" : "SIGTERM";
             std::printf("%s\n", Json::writeString(writer, v).c_str());
         } else {
-            std::printf("%s: %s; control socket removed\n", kCmd, sig == SIGINT ? "interrupted" : "terminated");
+            std::printf("%s: %s; control socket removed\n", kCmd, StopSignals::Why(sig));
         }
         std::fflush(stdout);
     }

@@ -15,6 +15,7 @@ extern "C" {
 }
 
 #include "commands.h"
+#include "stopsignals.h"
 #include "twhost/clock.h"
 #include "twhost/mediasource.h"
 #include "twhost/shmfifo.h"
@@ -90,16 +91,10 @@ int RunStream(const StreamOptions& options) {
 
     // SIGINT and SIGTERM are taken synchronously by this thread from here on, so the segment
     // is always removed; blocking them before the pump's thread starts keeps them away from it.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    sigset_t oldMask;
-    pthread_sigmask(SIG_BLOCK, &stopSignals, &oldMask);
+    StopSignals stopSignals;
 
     ShmStreamPublisher publisher(options.m_CamId, options.m_StreamNo);
     if (!publisher.Open(error)) {
-        pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
         std::fprintf(stderr, "twhost stream: %s\n", error.c_str());
         return 1;
     }
@@ -109,7 +104,6 @@ int RunStream(const StreamOptions& options) {
     FifoPump::RealTimeOptions realTime;
     realTime.loop = options.m_blLoop;
     if (!pump.StartRealTime(realTime, error)) {
-        pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
         std::fprintf(stderr, "twhost stream: %s\n", error.c_str());
         return 1;
     }
@@ -138,20 +132,13 @@ int RunStream(const StreamOptions& options) {
             why = "duration reached";
             break;
         }
-        const timespec tick{0, 100000000L};   // 100 ms
-        const int sig = sigtimedwait(&stopSignals, nullptr, &tick);
-        if (sig == SIGINT || sig == SIGTERM) {
-            why = sig == SIGINT ? "interrupted" : "terminated";
+        if (const int sig = stopSignals.Wait(100)) {
+            why = StopSignals::Why(sig);
             break;
         }
     }
     pump.Stop();
     publisher.Close();
-    // A second signal that came meanwhile is spent: the work it asked for is done.
-    const timespec noWait{0, 0};
-    while (sigtimedwait(&stopSignals, nullptr, &noWait) > 0) {
-    }
-    pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
 
     const double elapsedSec = static_cast<double>(clock.NowUs() - startUs) / 1e6;
     std::string loops;
