@@ -1,22 +1,22 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets with clang (everything instrumented: libFuzzer coverage,
-# AddressSanitizer, UndefinedBehaviorSanitizer) into build-fuzz/ and runs the live-cam stream
-# target for a bounded time on a copy of the seed corpus, so the repository is not modified.
-# Prints the number of executions and the coverage; exits non-zero when the target crashed,
-# leaked, timed out or tripped a sanitizer, leaving the reproducer in <build dir>/fuzz-artifacts/.
+# AddressSanitizer, UndefinedBehaviorSanitizer) into build-fuzz/ and runs each target (the
+# live-cam stream parser, the WAV chunk walk) for a bounded time on a copy of its seeds, so
+# the repository is not modified. Prints the number of executions and the coverage; exits
+# non-zero when a target crashed, leaked, timed out or tripped a sanitizer, leaving the
+# reproducer in <build dir>/fuzz-artifacts/.
 #
 #   scripts/fuzz.sh [-t SECONDS] [-b BUILD_DIR] [-- extra libFuzzer flags]
 #
-# SECONDS defaults to 60 (also settable as TW_FUZZ_SECONDS); BUILD_DIR to build-fuzz.
+# SECONDS (per target) defaults to 60 (also settable as TW_FUZZ_SECONDS); BUILD_DIR to
+# build-fuzz.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 SECONDS_TO_RUN=${TW_FUZZ_SECONDS:-60}
 BUILD_DIR=build-fuzz
-TARGET=livecam_stream_fuzz
-CORPUS=fuzz/corpus/livecam_stream
 
-usage() { sed -n '2,11s/^# \{0,1\}//p' "$0"; }
+usage() { sed -n '2,13s/^# \{0,1\}//p' "$0"; }
 while (($#)); do
   case "$1" in
     -t) [[ $# -ge 2 ]] || { echo "fuzz.sh: -t needs a number of seconds" >&2; exit 2; }
@@ -59,37 +59,53 @@ cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_C_COMPILER="$CC_BIN" -DCMAKE_CXX_COMPILER="$CXX_BIN" \
   -DTW_FUZZ=ON -DTW_BUILD_TESTS=OFF -DTW_BUILD_BENCH=OFF > "$BUILD_DIR/configure.log" 2>&1 || {
   cat "$BUILD_DIR/configure.log"; exit 1; }
-cmake --build "$BUILD_DIR" -j"$JOBS" --target "$TARGET"
+cmake --build "$BUILD_DIR" -j"$JOBS" --target livecam_stream_fuzz wav_parser_fuzz
 
 WORK=$(mktemp -d "${TMPDIR:-/tmp}/tw-fuzz.XXXXXX")
 trap 'rm -rf "$WORK"' EXIT
-mkdir -p "$WORK/corpus"
-cp "$CORPUS"/* "$WORK/corpus/"
 ARTIFACTS="$PWD/$BUILD_DIR/fuzz-artifacts"
 mkdir -p "$ARTIFACTS"
-
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
-echo "== $TARGET for $SECONDS_TO_RUN s on a copy of $CORPUS"
-# Full-length inputs from the start: the buffer's overflow path needs more than 2046 bytes in
-# one connection, which libFuzzer's gradual growth of input length does not reach in a minute.
-set +e
-"$BUILD_DIR/bin/$TARGET" -max_total_time="$SECONDS_TO_RUN" -timeout=20 -max_len=4096 -len_control=0 \
-  -print_final_stats=1 -artifact_prefix="$ARTIFACTS/" "$@" "$WORK/corpus" > "$WORK/log" 2>&1
-rc=$?
-set -e
 
-execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$WORK/log" | tail -n 1)
-last=$(grep -E '^#[0-9]+' "$WORK/log" | tail -n 1 || true)
-cov=$(sed -n 's/.* cov: \([0-9]*\).*/\1/p' <<< "$last")
-ft=$(sed -n 's/.* ft: \([0-9]*\).*/\1/p' <<< "$last")
-corp=$(sed -n 's/.* corp: \([0-9]*\/[0-9]*[a-zA-Z]*\).*/\1/p' <<< "$last")
-echo "executions: ${execs:-unknown}"
-echo "coverage: ${cov:-unknown} edges, ${ft:-unknown} features, corpus ${corp:-unknown}"
-if ((rc != 0)); then
-  # The report (sanitizer trace or the harness's own message) and where the input went.
-  grep -vE '^#[0-9]+|^INFO:' "$WORK/log" | tail -n 80 >&2
-  echo "fuzz.sh: $TARGET failed (exit $rc); reproduce with: $BUILD_DIR/bin/$TARGET <artifact from $ARTIFACTS>" >&2
-  exit 1
-fi
-echo "no crash"
+# run_target TARGET CORPUS_DIR [libFuzzer flags...]: fuzzes TARGET on CORPUS_DIR (a copy).
+run_target() {
+  local target=$1 corpus=$2; shift 2
+  echo "== $target for $SECONDS_TO_RUN s"
+  set +e
+  "$BUILD_DIR/bin/$target" -max_total_time="$SECONDS_TO_RUN" -timeout=20 -print_final_stats=1 \
+    -artifact_prefix="$ARTIFACTS/" "$@" "$corpus" > "$WORK/$target.log" 2>&1
+  local rc=$?
+  set -e
+  local execs last cov ft corp
+  execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$WORK/$target.log" | tail -n 1)
+  last=$(grep -E '^#[0-9]+' "$WORK/$target.log" | tail -n 1 || true)
+  cov=$(sed -n 's/.* cov: \([0-9]*\).*/\1/p' <<< "$last")
+  ft=$(sed -n 's/.* ft: \([0-9]*\).*/\1/p' <<< "$last")
+  corp=$(sed -n 's/.* corp: \([0-9]*\/[0-9]*[a-zA-Z]*\).*/\1/p' <<< "$last")
+  echo "executions: ${execs:-unknown}"
+  echo "coverage: ${cov:-unknown} edges, ${ft:-unknown} features, corpus ${corp:-unknown}"
+  if ((rc != 0)); then
+    # The report (sanitizer trace or the harness's own message) and where the input went.
+    grep -vE '^#[0-9]+|^INFO:' "$WORK/$target.log" | tail -n 80 >&2
+    echo "fuzz.sh: $target failed (exit $rc); reproduce with: $BUILD_DIR/bin/$target <artifact from $ARTIFACTS>" >&2
+    exit 1
+  fi
+  echo "no crash"
+}
+
+# The live-cam stream: full-length inputs from the start, since the buffer's overflow path
+# needs more than 2046 bytes in one connection, which libFuzzer's gradual growth of input
+# length does not reach in a minute.
+mkdir -p "$WORK/livecam"
+cp fuzz/corpus/livecam_stream/* "$WORK/livecam/"
+run_target livecam_stream_fuzz "$WORK/livecam" -max_len=4096 -len_control=0 "$@"
+
+# WAV files: seeds made here (a canonical header, a LIST chunk with its pad byte before the
+# data, a data chunk whose size runs past the end), so no binary is kept in the repository.
+mkdir -p "$WORK/wav"
+fmt='fmt \x10\x00\x00\x00\x01\x00\x01\x00\x40\x1f\x00\x00\x80\x3e\x00\x00\x02\x00\x10\x00'
+printf "RIFF\x28\x00\x00\x00WAVE${fmt}data\x04\x00\x00\x00\x01\x02\x03\x04" > "$WORK/wav/canonical"
+printf "RIFF\x36\x00\x00\x00WAVE${fmt}LIST\x05\x00\x00\x00INFOx\x00data\x02\x00\x00\x00\x01\x02" > "$WORK/wav/list_pad"
+printf "RIFF\xff\xff\xff\xffWAVE${fmt}data\xff\xff\x00\x00\x01\x02" > "$WORK/wav/long_data"
+run_target wav_parser_fuzz "$WORK/wav" -max_len=512 "$@"

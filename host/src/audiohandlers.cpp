@@ -36,6 +36,13 @@ TWFuncTable* ApiFuncTable() {
     return &s_Table;
 }
 
+// The capability table of a device: without the format query the record stays unbound.
+TWFuncTable* CapFuncTableOf(DeviceKind kind, int id) {
+    static TWFuncTable s_NoQueries;
+    std::optional<AudioDeviceRecord> record = DeviceStore::Instance().Get(kind, id);
+    return (record && !record->blFormatQuery) ? &s_NoQueries : CapFuncTable();
+}
+
 std::string DeviceText(DeviceKind kind, int id) {
     return std::string(DeviceKindName(kind)) + " " + std::to_string(id);
 }
@@ -124,19 +131,19 @@ void DevCapHandler::RegisterTable() { Register(GetAudioOutFormat, TW_FUNC_GET_AU
 int DevCapHandler::LoadByCam(Camera& camera) {
     return tw::host::Rebind(*this, m_pCapObject,
                             tw::host::MakeCapObject(DeviceKind::Camera, camera.id),
-                            tw::host::CapFuncTable(), tw::host::kCapHandlerName);
+                            tw::host::CapFuncTableOf(DeviceKind::Camera, camera.id), tw::host::kCapHandlerName);
 }
 
 int DevCapHandler::LoadBySpeaker(IPSpeaker& speaker) {
     return tw::host::Rebind(*this, m_pCapObject,
                             tw::host::MakeCapObject(DeviceKind::Speaker, speaker.id),
-                            tw::host::CapFuncTable(), tw::host::kCapHandlerName);
+                            tw::host::CapFuncTableOf(DeviceKind::Speaker, speaker.id), tw::host::kCapHandlerName);
 }
 
 int DevCapHandler::LoadByIOModule(IOModule& ioModule) {
     return tw::host::Rebind(*this, m_pCapObject,
                             tw::host::MakeCapObject(DeviceKind::IOModule, ioModule.id),
-                            tw::host::CapFuncTable(), tw::host::kCapHandlerName);
+                            tw::host::CapFuncTableOf(DeviceKind::IOModule, ioModule.id), tw::host::kCapHandlerName);
 }
 
 DeviceAPIHandler::DeviceAPIHandler()

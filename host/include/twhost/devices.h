@@ -33,6 +33,9 @@ struct AudioDeviceRecord {
     std::string strName;                 // speakers and I/O modules; cameras keep theirs
     int doCount = 0;                     // digital outputs of an I/O module
     bool blAudioOut = false;             // the device has an audio output at all
+    // The device's driver answers the audio-out format query. Some older drivers do not:
+    // their capability handler then loads, but its format record runs nothing.
+    bool blFormatQuery = true;
     CAM_CAP_AUDIO_OUT_FORMAT format{"", 0, 0, 0};
     std::string strSinkAddress;             // used when pSink is null
     std::shared_ptr<AudioSink> pSink;    // shared by every handler of the device when set

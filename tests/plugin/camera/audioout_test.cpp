@@ -110,6 +110,29 @@ TEST_F(AudioOutTest, AnyZeroFactorFailsTheFormat) {
     EXPECT_EQ(logs->Count("Device[9]: Failed to get audio output format.\n"), 3u);
 }
 
+TEST_F(AudioOutTest, UnusableFormatSlotLogsTheFunctorErrorAndFailsTheFormat) {
+    ScopedLogCapture logs;
+    tw::host::AudioDeviceRecord record;
+    record.blAudioOut = true;
+    record.blFormatQuery = false;
+    record.format = Pcm(8000, 16, 1);
+    record.strSinkAddress = "memory:";
+    PutDevice(DEV_TYPE_IOMODULE, 12, record);
+    AudioOut out(12, DEV_TYPE_IOMODULE);
+    EXPECT_EQ(out.Init(), -1);
+    const auto functor = logs->Find(
+        "[DevCapHandler] Error: Some Functor is not registered properly. Check the template argument list and "
+        "Function ID.\n");
+    ASSERT_EQ(functor.size(), 1u);
+    EXPECT_TRUE(functor[0].blNullCategory);
+    EXPECT_TRUE(functor[0].blNullLevel);
+    EXPECT_EQ(logs->Count("Device[12]: Failed to get audio output format.\n"), 1u);
+    // The empty result was stored before the check.
+    EXPECT_EQ(Access::Codec(out), "");
+    EXPECT_EQ(Access::FormatA(out), 0);
+    EXPECT_EQ(Access::ByteRate(out), 0);
+}
+
 TEST_F(AudioOutTest, ResampleKeepsEveryEvenByte) {
     AudioOut out(1, 1);
     char buf[] = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'};
