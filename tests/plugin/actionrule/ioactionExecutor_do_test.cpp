@@ -39,6 +39,30 @@ protected:
     }
 };
 
+TEST_F(DigitalOutputTest, PortRequestsGoToVersion1OfTheIOModuleApiAsAdmin) {
+    struct Call {
+        std::string user;
+        std::string json;
+    };
+    std::vector<Call> calls;
+    std::mutex mutex;
+    // The module's own method, replaced by one that sees who called and answers success.
+    tw::host::RegisterWebApi("ORVA.Korvane.IOModule", 1, "PortSetting",
+                             [&](const Json::Value& request, const std::string& user, Json::Value&, std::string&) {
+                                 std::lock_guard<std::mutex> lock(mutex);
+                                 calls.push_back(Call{user, tw::host::CompactJson(request)});
+                                 return true;
+                             });
+    Start();
+    Act(0x400, {}, {{6, DOCond(false, -2, 0)}});
+    tw::host::ResetWebApis();
+    std::lock_guard<std::mutex> lock(mutex);
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].user, "admin");
+    EXPECT_EQ(calls[0].json, PortJson(6, true));
+    EXPECT_EQ(PortStatus(6), 1);
+}
+
 TEST_F(DigitalOutputTest, TimedOutputIsCheckedAfterOneCountHeldForItsPeriodAndStoppedThePassAfter) {
     Start();
     Act(0x400, {}, {{1, DOCond(false, 5, 0)}});
