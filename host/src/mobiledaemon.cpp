@@ -587,11 +587,24 @@ void MobileDaemon::HandleRequest(const Json::Value& request, Json::Value& answer
     }
 }
 
+namespace {
+
+// Whether the detector has closed its end of the event connection.
+bool PeerHungUp(int fd) {
+    pollfd pfd{fd, POLLIN | POLLRDHUP, 0};
+    return poll(&pfd, 1, 0) > 0 && (pfd.revents & (POLLRDHUP | POLLHUP)) != 0;
+}
+
+}  // namespace
+
 void MobileDaemon::StopSession(const std::shared_ptr<Session>& session, const std::string& reason) {
     {
         std::lock_guard<std::mutex> lock(session->mutex);
         session->blStop = true;
-        session->strStopReason = reason;
+        // A detector closes its connection before it asks for the stop: the stream ended
+        // there, whichever of the two this daemon's threads happens to notice first.
+        const bool blHungUp = session->fd >= 0 && PeerHungUp(session->fd);
+        session->strStopReason = blHungUp ? "the detector closed the connection" : reason;
         // Wakes a thread blocked on the connection; the peer sees the end of the stream.
         if (session->fd >= 0) shutdown(session->fd, SHUT_RDWR);
     }
