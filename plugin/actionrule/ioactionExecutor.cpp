@@ -155,11 +155,7 @@ int IOActExecutor::DoAction(int actFlags, const std::map<int, IOActExecCond>& au
             pthread_mutex_unlock(&m_Mutex);
         }
         if (!blDO) {
-            if (blWake) {
-                pthread_mutex_lock(&m_Mutex);
-                if (m_blInited) pthread_cond_signal(&m_Cond);
-                pthread_mutex_unlock(&m_Mutex);
-            }
+            if (blWake) WakeWorker();
             return 0;
         }
     }
@@ -175,12 +171,15 @@ int IOActExecutor::DoAction(int actFlags, const std::map<int, IOActExecCond>& au
         if (m_DOCmd[port] == kCmdStart) blWake = true;
     }
     pthread_mutex_unlock(&m_Mutex);
-    if (blWake) {
-        pthread_mutex_lock(&m_Mutex);
-        if (m_blInited) pthread_cond_signal(&m_Cond);
-        pthread_mutex_unlock(&m_Mutex);
-    }
+    if (blWake) WakeWorker();
     return 0;
+}
+
+void IOActExecutor::WakeWorker() {
+    pthread_mutex_lock(&m_Mutex);
+    // Before Init there is no condition and no worker to wake.
+    if (m_blInited) pthread_cond_signal(&m_Cond);
+    pthread_mutex_unlock(&m_Mutex);
 }
 
 // ---------------------------------------------------------------------------------------

@@ -60,6 +60,8 @@ public:
 private:
     friend struct IOActExecutorAccess;   // white-box checks of the request maps
 
+    // Signals the worker's condition under the mutex, so that a waiting worker runs a pass.
+    void WakeWorker();
     // The timed step of the audio action: the play count, the next play, the stop.
     void ExecTimsAct(int actType, int cmd, int& playCount, TimeCount& timer);
 

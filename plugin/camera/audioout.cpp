@@ -24,8 +24,8 @@ constexpr int kFileConnectAttempts = 11;
 // Taken off every paced chunk of a file, so that the device's buffer never runs dry.
 constexpr int kChunkLeadUs = 50000;
 
-int RunConnect(const FunctorBase& record) { return RunFunctor<int>(record); }
-int RunDisconnect(const FunctorBase& record) { return RunFunctor<int>(record); }
+// The connect and disconnect slots: MemFuncInterface<int>, no arguments.
+int RunSlot(const FunctorBase& record) { return RunFunctor<int>(record); }
 void RunSendData(const FunctorBase& record, char* buf, int& len) {
     RunFunctor<int, char*, int&>(record, buf, len);
 }
@@ -276,7 +276,7 @@ int AudioOut::LiveAudioOutThreadMain() {
             connectFailures = 0;
             bool blConnected = false;
             while (m_ThreadField.GetActivatedFlag()) {
-                if (RunConnect(m_DevApiHandler.AudioOutConnect) == 0) {
+                if (RunSlot(m_DevApiHandler.AudioOutConnect) == 0) {
                     blConnected = true;
                     break;
                 }
@@ -319,13 +319,13 @@ int AudioOut::LiveAudioOutThreadMain() {
             continue;
         }
         usleep(kRetrySleepUs);
-        RunDisconnect(m_DevApiHandler.AudioOutDisconnect);
-        RunConnect(m_DevApiHandler.AudioOutConnect);
+        RunSlot(m_DevApiHandler.AudioOutDisconnect);
+        RunSlot(m_DevApiHandler.AudioOutConnect);
         emptyReads = 0;
     }
 
     free(buffer);
-    RunDisconnect(m_DevApiHandler.AudioOutDisconnect);
+    RunSlot(m_DevApiHandler.AudioOutDisconnect);
     m_ThreadField.SetActivatedFlag(false);
     ClearManualAOTrigIfManual();
     shmdt(fifo);
@@ -351,7 +351,7 @@ int AudioOut::FileAudioOutThreadMain() {
         bool blPlay = true;
         int countdown = kFileConnectAttempts;
         while (m_ThreadField.GetActivatedFlag()) {
-            if (RunConnect(m_DevApiHandler.AudioOutConnect) == 0) break;
+            if (RunSlot(m_DevApiHandler.AudioOutConnect) == 0) break;
             if (--countdown == 0) {
                 TWLOG(4, "Device[%d]: Connect failed.\n", m_DevId);
                 blPlay = false;
@@ -383,13 +383,13 @@ int AudioOut::FileAudioOutThreadMain() {
                 break;
             }
             usleep(kRetrySleepUs);
-            RunDisconnect(m_DevApiHandler.AudioOutDisconnect);
-            RunConnect(m_DevApiHandler.AudioOutConnect);
+            RunSlot(m_DevApiHandler.AudioOutDisconnect);
+            RunSlot(m_DevApiHandler.AudioOutConnect);
         }
     }
 
     free(buffer);
-    RunDisconnect(m_DevApiHandler.AudioOutDisconnect);
+    RunSlot(m_DevApiHandler.AudioOutDisconnect);
     m_ThreadField.SetActivatedFlag(false);
     ClearManualAOTrigIfManual();
     if (file != nullptr) fclose(file);

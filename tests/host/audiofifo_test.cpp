@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/testenv.h"
 #include "tw/audio.h"
 #include "twhost/audiofifo.h"
 
@@ -60,14 +61,8 @@ Bytes ReadAll(ShmAudioOutFifo* fifo, int chunk = 4096) {
 
 class AudioFifoTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        // A key base of this process's own, so parallel test processes never share segments.
-        char base[32];
-        const unsigned slot = static_cast<unsigned>(getpid()) % 512u;
-        std::snprintf(base, sizeof(base), "0x%x", 0x20000000u + slot * 0x80000u);
-        setenv("TW_SHM_KEY_BASE", base, 1);
-    }
-    void TearDown() override { unsetenv("TW_SHM_KEY_BASE"); }
+    // A key base of this process's own, so parallel test processes never share segments.
+    tw::test::ScopedProcessKeyBase m_KeyBase{0x20000000u};
 };
 
 TEST_F(AudioFifoTest, BytesComeOutInTheOrderTheyWereWritten) {

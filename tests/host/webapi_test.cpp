@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "support/portsetting.h"
 #include "tw/iomodule.h"
 #include "twhost/clock.h"
 #include "twhost/iomodule.h"
@@ -13,24 +14,8 @@ using tw::host::CompactJson;
 using tw::host::IOModuleEmulator;
 using tw::host::IORequest;
 using tw::host::ManualClock;
-
-Json::Value PortRequest(int moduleId, std::initializer_list<std::pair<int, bool>> ports, bool withActRule = true) {
-    Json::Value request(Json::objectValue);
-    request["id"] = moduleId;
-    request["DIOdata"] = Json::Value(Json::arrayValue);
-    for (const auto& [idx, state] : ports) {
-        Json::Value entry(Json::objectValue);
-        entry["idx"] = idx;
-        entry["trigger_state"] = state;
-        request["DIOdata"].append(entry);
-    }
-    if (withActRule) request["blActRule"] = true;
-    return request;
-}
-
-int PortSetting(Json::Value& response, const Json::Value& request) {
-    return ORVA::APIRunner::Exec(response, "ORVA.Korvane.IOModule", 1, "PortSetting", request, "admin");
-}
+using tw::test::PortRequest;
+using tw::test::PortSetting;
 
 class WebApi : public ::testing::Test {
 protected:

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/childprocess.h"
+#include "support/testenv.h"
 #include "tw/audio.h"
 #include "twhost/audiofifo.h"
 
@@ -84,14 +85,8 @@ Bytes Wav(const Bytes& samples) {
 
 class TwhostAudioFeed : public ::testing::Test {
 protected:
-    void SetUp() override {
-        // Keys of this process only, so no FIFO of another run can be met.
-        char base[32];
-        const unsigned slot = static_cast<unsigned>(getpid()) % 512u;
-        std::snprintf(base, sizeof(base), "0x%x", 0x38000000u + slot * 0x80000u);
-        setenv("TW_SHM_KEY_BASE", base, 1);
-    }
-    void TearDown() override { unsetenv("TW_SHM_KEY_BASE"); }
+    // Keys of this process only, so no FIFO of another run can be met.
+    tw::test::ScopedProcessKeyBase m_KeyBase{0x38000000u};
 
     static ChildResult Twhost(std::vector<std::string> args) {
         args.insert(args.begin(), TW_TWHOST_BIN);

@@ -1,5 +1,10 @@
 #include "support/testenv.h"
 
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
 namespace tw::test {
 
 ScopedLogCapture::ScopedLogCapture() : m_Sink(std::make_shared<tw::host::CaptureLogSink>()) {
@@ -19,5 +24,14 @@ ScopedVerboseLog::ScopedVerboseLog() {
     m_Config.SetAllCategoryLevels(7);
     m_Config.Install();
 }
+
+ScopedProcessKeyBase::ScopedProcessKeyBase(unsigned regionStart) {
+    char base[32];
+    const unsigned slot = static_cast<unsigned>(getpid()) % 512u;
+    std::snprintf(base, sizeof(base), "0x%x", regionStart + slot * 0x80000u);
+    setenv("TW_SHM_KEY_BASE", base, 1);
+}
+
+ScopedProcessKeyBase::~ScopedProcessKeyBase() { unsetenv("TW_SHM_KEY_BASE"); }
 
 }  // namespace tw::test

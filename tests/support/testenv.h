@@ -35,4 +35,15 @@ private:
     tw::host::DbgLogConfig m_Config;
 };
 
+// Moves this process's shared-memory keys (TW_SHM_KEY_BASE) to a base of its own inside
+// a region of 512 slots of 0x80000 keys from regionStart, chosen by the process id, while
+// alive: parallel test processes then never meet in each other's segments.
+class ScopedProcessKeyBase {
+public:
+    explicit ScopedProcessKeyBase(unsigned regionStart);
+    ~ScopedProcessKeyBase();
+    ScopedProcessKeyBase(const ScopedProcessKeyBase&) = delete;
+    ScopedProcessKeyBase& operator=(const ScopedProcessKeyBase&) = delete;
+};
+
 }  // namespace tw::test
