@@ -20,6 +20,7 @@
 #include <json/json.h>
 
 #include "commands.h"
+#include "ioactionrequest.h"
 #include "stopsignals.h"
 #include "twhost/clock.h"
 #include "twhost/devstatus.h"
@@ -45,127 +46,6 @@ struct IOActionOptions {
     std::string m_strPlugin;
     int m_LogLevel = 4;
 };
-
-// One input line, understood.
-struct Request {
-    enum Kind { kDO, kAudio, kManualDO, kManualAudio, kWait } kind = kDO;
-    int flags = 0;
-    std::map<int, IOActExecCond> audio;
-    std::map<int, IOActExecCond> outputs;
-    int port = 0;
-    bool blOn = false;
-    double seconds = 0.0;
-};
-
-bool ReadInt(const Json::Value& v, const char* key, int& out, bool required, std::string& error) {
-    const Json::Value& m = v[key];
-    if (m.isNull()) {
-        if (required) error = std::string("missing \"") + key + "\"";
-        return !required;
-    }
-    if (!m.isInt()) {
-        error = std::string("\"") + key + "\" must be an integer";
-        return false;
-    }
-    out = m.asInt();
-    return true;
-}
-
-// Parses one request line. The forms:
-//   {"do":"start","ports":[0,1],"hold":5,"mode":0,"state":true}   hold -2: until stopped
-//   {"do":"stop","ports":[0]}
-//   {"audio":"start","pattern":12,"times":3,"gap":2,"mode":0}
-//   {"audio":"stop"}
-//   {"manual_do":1}   {"manual_audio":true}   {"wait":2.5}
-bool ParseRequest(const std::string& line, Request& req, std::string& error) {
-    Json::CharReaderBuilder builder;
-    builder["failIfExtra"] = true;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value v;
-    std::string parseError;
-    if (!reader->parse(line.data(), line.data() + line.size(), &v, &parseError)) {
-        error = "not JSON: " + parseError;
-        while (!error.empty() && (error.back() == '\n' || error.back() == ' ')) error.pop_back();
-        return false;
-    }
-    if (!v.isObject()) {
-        error = "a request is a JSON object";
-        return false;
-    }
-    if (v.isMember("do")) {
-        const std::string what = v["do"].isString() ? v["do"].asString() : std::string();
-        if (what != "start" && what != "stop") {
-            error = "\"do\" must be \"start\" or \"stop\"";
-            return false;
-        }
-        const Json::Value& ports = v["ports"];
-        if (!ports.isArray() || ports.empty()) {
-            error = "\"ports\" must be a non-empty array of port numbers";
-            return false;
-        }
-        int hold = 5, mode = 0;
-        if (!ReadInt(v, "hold", hold, false, error) || !ReadInt(v, "mode", mode, false, error)) return false;
-        bool state = true;
-        if (v.isMember("state")) {
-            if (!v["state"].isBool()) {
-                error = "\"state\" must be true or false";
-                return false;
-            }
-            state = v["state"].asBool();
-        }
-        req.kind = Request::kDO;
-        req.flags = state ? 0x400 : 0x4000;
-        for (const Json::Value& p : ports) {
-            if (!p.isInt() || p.asInt() < 0) {
-                error = "\"ports\" must hold port numbers from 0";
-                return false;
-            }
-            req.outputs[p.asInt()] = IOActExecCond{what == "stop", 0, 0, hold, mode};
-        }
-        return true;
-    }
-    if (v.isMember("audio")) {
-        const std::string what = v["audio"].isString() ? v["audio"].asString() : std::string();
-        if (what != "start" && what != "stop") {
-            error = "\"audio\" must be \"start\" or \"stop\"";
-            return false;
-        }
-        int pattern = 0, times = 1, gap = 0, mode = 0;
-        if (!ReadInt(v, "pattern", pattern, what == "start", error) ||
-            !ReadInt(v, "times", times, false, error) || !ReadInt(v, "gap", gap, false, error) ||
-            !ReadInt(v, "mode", mode, false, error)) {
-            return false;
-        }
-        req.kind = Request::kAudio;
-        req.flags = 0x200;
-        req.audio[IOACT_TYPE_AUDIO_OUT] = IOActExecCond{what == "stop", pattern, times, gap, mode};
-        return true;
-    }
-    if (v.isMember("manual_do")) {
-        req.kind = Request::kManualDO;
-        return ReadInt(v, "manual_do", req.port, true, error);
-    }
-    if (v.isMember("manual_audio")) {
-        if (!v["manual_audio"].isBool()) {
-            error = "\"manual_audio\" must be true or false";
-            return false;
-        }
-        req.kind = Request::kManualAudio;
-        req.blOn = v["manual_audio"].asBool();
-        return true;
-    }
-    if (v.isMember("wait")) {
-        if (!v["wait"].isNumeric() || v["wait"].asDouble() < 0) {
-            error = "\"wait\" must be a number of seconds";
-            return false;
-        }
-        req.kind = Request::kWait;
-        req.seconds = v["wait"].asDouble();
-        return true;
-    }
-    error = "unknown request (expected \"do\", \"audio\", \"manual_do\", \"manual_audio\" or \"wait\")";
-    return false;
-}
 
 // Standard input, read by a thread of its own so that signals and statuses are served
 // while a line is awaited. Detached: a read blocked at exit ends with the process.
@@ -314,11 +194,11 @@ bool AddPattern(const std::string& text, std::string& error) {
 
 int RunIOAction(const IOActionOptions& opt) {
     // Every request is checked before anything starts.
-    std::vector<Request> argRequests;
+    std::vector<IOActionRequest> argRequests;
     for (const std::string& text : opt.m_Requests) {
-        Request req;
+        IOActionRequest req;
         std::string error;
-        if (!ParseRequest(text, req, error)) {
+        if (!ParseIOActionRequest(text, req, error)) {
             std::fprintf(stderr, "%s: bad request '%s': %s\n", kCmd, text.c_str(), error.c_str());
             return 2;
         }
@@ -396,14 +276,14 @@ int RunIOAction(const IOActionOptions& opt) {
         if (endAtUs >= 0 && now >= endAtUs) break;
 
         if (endAtUs < 0 && now >= notBeforeUs) {
-            Request req;
+            IOActionRequest req;
             bool have = false, end = false;
             if (argRequests.empty()) {
                 std::string line;
                 while (!have && input.Next(line, end)) {
                     if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
                     std::string error;
-                    if (!ParseRequest(line, req, error)) {
+                    if (!ParseIOActionRequest(line, req, error)) {
                         // A bad line of a script is reported and skipped: the rest still runs.
                         std::fprintf(stderr, "%s: bad request '%s': %s\n", kCmd, line.c_str(), error.c_str());
                         rc = 1;
@@ -419,18 +299,18 @@ int RunIOAction(const IOActionOptions& opt) {
             }
             if (have) {
                 switch (req.kind) {
-                    case Request::kDO:
-                    case Request::kAudio:
+                    case IOActionRequest::kDO:
+                    case IOActionRequest::kAudio:
                         exec->DoAction(req.flags, req.audio, req.outputs, false);
                         lastRequestUs = now;
                         break;
-                    case Request::kManualDO:
+                    case IOActionRequest::kManualDO:
                         status.Get()->SetManualDOSts(req.port, 2);
                         break;
-                    case Request::kManualAudio:
+                    case IOActionRequest::kManualAudio:
                         status.Get()->SetManualAOTrig(req.blOn);
                         break;
-                    case Request::kWait:
+                    case IOActionRequest::kWait:
                         notBeforeUs = now + static_cast<int64_t>(req.seconds * 1e6);
                         break;
                 }
