@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 
 PACKAGES=(build-essential cmake pkg-config
           libjsoncpp-dev libjpeg62-turbo-dev
-          libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
+          libavformat-dev libavcodec-dev libswscale-dev libswresample-dev libavutil-dev
           libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
           libmodbus-dev)
 

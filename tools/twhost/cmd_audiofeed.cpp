@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "cliutil.h"
 #include "commands.h"
 #include "stopsignals.h"
 #include "twhost/audiofifo.h"
@@ -246,10 +247,10 @@ void RegisterAudioFeedCommand(CLI::App& app, int& exitCode) {
                     "Device whose FIFO to fill: camera or I/O module id, or IP speaker id with "
                     "--speaker")
         ->required()
-        ->check(CLI::Range(1, 65535));
+        ->check(twcli::IntIn(1, 65535));
     sub->add_flag("--speaker", options->m_blSpeaker, "The device is an IP speaker");
     sub->add_option("--byte-rate", options->m_ByteRate,
                     "Bytes per second to feed (default: the WAV header's; required for raw input)")
-        ->check(CLI::Range(1, 1 << 30));
+        ->check(twcli::IntIn(1, 1 << 30));
     sub->callback([options, &exitCode]() { exitCode = tw::host::RunAudioFeed(*options); });
 }

@@ -14,6 +14,7 @@
 
 #include <json/json.h>
 
+#include "cliutil.h"
 #include "commands.h"
 #include "stopsignals.h"
 #include "tw/camera.h"
@@ -315,7 +316,7 @@ void RegisterAudioOutCommand(CLI::App& app, int& exitCode) {
         "audioout",
         "Play a WAV file, or the device's live audio FIFO, to a device through the plug-in's audio "
         "output, into a sink that stands for the device (a WAV file or an HTTP endpoint)");
-    sub->add_option("--device-id", opt->m_DevId, "id of the device")->required()->check(CLI::PositiveNumber);
+    sub->add_option("--device-id", opt->m_DevId, "id of the device")->required()->check(twcli::IntIn(1, 65535));
     sub->add_option("--type", opt->m_strType, "kind of device: camera, speaker or iomodule")->capture_default_str();
     sub->add_option("--file", opt->m_strFile, "play this WAV file once");
     sub->add_flag("--live", opt->m_blLive, "relay the device's live audio FIFO (see 'twhost audiofeed')");
@@ -327,11 +328,11 @@ void RegisterAudioOutCommand(CLI::App& app, int& exitCode) {
     sub->add_option("--format", opt->m_strFormat,
                     "the device's audio-out format CODEC:RATE:BITS:CHANNELS (default: the file's own; "
                     "PCM:8000:16:1 for live audio)");
-    sub->add_option("--duration", opt->m_DurationSec, "stop after this many seconds")->check(CLI::NonNegativeNumber);
+    sub->add_option("--duration", opt->m_DurationSec, "stop after this many seconds")->check(twcli::Seconds(true));
     sub->add_flag("--json", opt->m_blJson, "print JSON lines instead of text");
     sub->add_option("--plugin", opt->m_strPlugin, "path of libtwdevplugin.so");
     sub->add_option("--log-level", opt->m_LogLevel, "plug-in log level to print (1..7)")
-        ->check(CLI::Range(0, 7))
+        ->check(twcli::IntIn(0, 7))
         ->capture_default_str();
     sub->callback([opt, &exitCode] { exitCode = tw::host::RunAudioOut(*opt); });
 }

@@ -16,6 +16,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "cliutil.h"
 #include "commands.h"
 #include "detectoutput.h"
 #include "tw/decode.h"
@@ -303,23 +304,23 @@ void RegisterDetectCommand(CLI::App& app, int& exitCode) {
     CLI::App* cmd = app.add_subcommand("detect", "Run one motion detector on a video file, a stream URL, "
                                                  "the shared-memory live FIFO, or the built-in sample");
     cmd->add_option("SOURCE", opt->source, "Video file or URL (rtsp://, http://); default: the built-in sample");
-    cmd->add_option("--camera-id", opt->camId, "Camera id")->check(CLI::Range(1, 1000000));
-    cmd->add_option("--sensitivity", opt->sensitivity, "Sensitivity 0..100")->check(CLI::Range(0, 100));
-    cmd->add_option("--threshold", opt->threshold, "Detection threshold 0..100")->check(CLI::Range(0, 100));
+    cmd->add_option("--camera-id", opt->camId, "Camera id")->check(twcli::IntIn(1, 1000000));
+    cmd->add_option("--sensitivity", opt->sensitivity, "Sensitivity 0..100")->check(twcli::IntIn(0, 100));
+    cmd->add_option("--threshold", opt->threshold, "Detection threshold 0..100")->check(twcli::IntIn(0, 100));
     cmd->add_option("--short-live", opt->shortLive, "Seconds a motion must last before it is reported, 0..10")
-        ->check(CLI::Range(0, 10));
+        ->check(twcli::IntIn(0, 10));
     cmd->add_option("--region", opt->region,
                     "Watched cells: 'all', 'none', 1200 characters 0/1 (40 x 30, row by row), or cell "
                     "rectangles 'COL,ROW-COL,ROW;...' (columns 0..39, rows 0..29)");
     cmd->add_flag("--realtime", opt->realtime, "Run a file in real time instead of virtual time");
     cmd->add_flag("--shm", opt->shm, "Read the shared-memory live FIFO that 'twhost stream' fills");
-    cmd->add_option("--stream-no", opt->streamNo, "Stream number of the live FIFO (--shm)")->check(CLI::Range(0, 7));
+    cmd->add_option("--stream-no", opt->streamNo, "Stream number of the live FIFO (--shm)")->check(twcli::IntIn(0, 7));
     cmd->add_option("--codec", opt->shmCodec, "Codec of the live FIFO (--shm): mjpeg, mpeg4, h264, hevc");
     cmd->add_option("--duration", opt->duration, "Stop after this many seconds of stream time")
-        ->check(CLI::PositiveNumber);
+        ->check(twcli::Seconds(false));
     cmd->add_flag("--json", opt->json, "One JSON object per line for every status, then a summary");
     cmd->add_option("--plugin", opt->plugin, "Path of the plug-in library");
     cmd->add_option("--log-level", opt->logLevel, "Plug-in log level 0..7 for every category")
-        ->check(CLI::Range(0, 7));
+        ->check(twcli::IntIn(0, 7));
     cmd->callback([opt, &exitCode]() { exitCode = RunDetect(*opt); });
 }

@@ -19,6 +19,7 @@
 
 #include <json/json.h>
 
+#include "cliutil.h"
 #include "commands.h"
 #include "ioactionrequest.h"
 #include "stopsignals.h"
@@ -371,11 +372,11 @@ void RegisterIOActionCommand(CLI::App& app, int& exitCode) {
     sub->add_option("--wait", opt->m_WaitSec,
                     "after the last request, keep running this many seconds before terminating "
                     "(at least 1.1 s, so that the executor carries out every request)")
-        ->check(CLI::NonNegativeNumber);
+        ->check(twcli::Seconds(true));
     sub->add_flag("--json", opt->m_blJson, "print JSON lines instead of text");
     sub->add_option("--plugin", opt->m_strPlugin, "path of libtwdevplugin.so");
     sub->add_option("--log-level", opt->m_LogLevel, "plug-in log level to print (1..7)")
-        ->check(CLI::Range(0, 7))
+        ->check(twcli::IntIn(0, 7))
         ->capture_default_str();
     sub->callback([opt, &exitCode] { exitCode = tw::host::RunIOAction(*opt); });
 }

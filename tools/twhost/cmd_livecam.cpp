@@ -16,6 +16,7 @@
 
 #include <json/json.h>
 
+#include "cliutil.h"
 #include "commands.h"
 #include "stopsignals.h"
 #include "tw/camera.h"
@@ -202,16 +203,16 @@ void RegisterLiveCamCommand(CLI::App& app, int& exitCode) {
                    "daemon stream events into it and prints every status, until SIGINT/SIGTERM or --duration");
     cmd->add_option("--camera-id", opt->m_CamId, "Camera id")
         ->required()
-        ->check(CLI::Range(0, std::numeric_limits<int>::max()));
+        ->check(twcli::IntIn(0, 2147483647));
     cmd->add_option("--mobiled", opt->m_strMobiled,
                     "Control socket of the mobile daemon (default " + std::string(tw::host::kDefaultMobiledSocket) +
                         "), or 'none': every request is agreed and any process may connect to the socket")
         ->check([](const std::string& text) { return text.empty() ? std::string("empty path") : std::string(); });
     cmd->add_flag("--json", opt->m_blJson, "One JSON object per line for every status: {\"t\", \"motion\", \"value\"}");
-    cmd->add_option("--duration", opt->m_DurationSec, "Stop after this many seconds")->check(CLI::PositiveNumber);
+    cmd->add_option("--duration", opt->m_DurationSec, "Stop after this many seconds")->check(twcli::Seconds(false));
     cmd->add_option("--plugin", opt->m_strPlugin, "Path of the plug-in library");
     cmd->add_option("--log-level", opt->m_LogLevel, "Plug-in log level 0..7 for every category")
-        ->check(CLI::Range(0, 7))
+        ->check(twcli::IntIn(0, 7))
         ->capture_default_str();
     cmd->callback([opt, &exitCode]() { exitCode = tw::host::RunLiveCam(*opt); });
 }

@@ -12,6 +12,7 @@
 
 #include <json/json.h>
 
+#include "cliutil.h"
 #include "commands.h"
 #include "stopsignals.h"
 #include "twhost/mobiledaemon.h"
@@ -223,10 +224,10 @@ void RegisterMobiledCommand(CLI::App& app, int& exitCode) {
                     "(seconds after the previous event, e.g. '0.5 IsTrig:1 Level:57'), "
                     "'DELAY type=TYPE PAYLOAD...', 'DELAY raw \"C-escaped bytes\"'; '#' comments");
     cmd->add_option("--coalesce", opt->m_Coalesce, "Write N frames at a time (in one write)")
-        ->check(CLI::Range(2, 1000));
+        ->check(twcli::IntIn(2, 1000));
     cmd->add_flag("--split", opt->m_blSplit, "Write every frame in pieces, cut inside its header and its payload");
     cmd->add_option("--pause-ms", opt->m_PauseMs, "Pause between the pieces of a split frame, ms")
-        ->check(CLI::Range(0, 60000))
+        ->check(twcli::IntIn(0, 60000))
         ->capture_default_str();
     CLI::Option* refuse =
         cmd->add_option("--refuse", opt->m_strRefuse, "Refuse every start with this error message (e.g. busy)");

@@ -14,6 +14,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "cliutil.h"
 #include "commands.h"
 #include "stopsignals.h"
 #include "twhost/clock.h"
@@ -174,12 +175,12 @@ void RegisterStreamCommand(CLI::App& app, int& exitCode) {
         ->required();
     sub->add_option("--camera-id", options->m_CamId, "Camera id whose live FIFO to fill")
         ->required()
-        ->check(CLI::Range(0, std::numeric_limits<int>::max()));
+        ->check(twcli::IntIn(0, 2147483647));
     sub->add_option("--stream-no", options->m_StreamNo, "Stream number of the camera (0..7)")
-        ->check(CLI::Range(0, tw::host::kShmStreamsPerCamera - 1))
+        ->check(twcli::IntIn(0, tw::host::kShmStreamsPerCamera - 1))
         ->capture_default_str();
     sub->add_flag("--loop", options->m_blLoop, "Start a file again at its end, until stopped");
     sub->add_option("--duration", options->m_DurationSec, "Stop after this many seconds")
-        ->check(CLI::PositiveNumber);
+        ->check(twcli::Seconds(false));
     sub->callback([options, &exitCode]() { exitCode = tw::host::RunStream(*options); });
 }
