@@ -172,6 +172,8 @@ struct MediaSource::Impl {
     std::vector<unsigned char> m_ExtraData;
     int64_t m_DurationUs = -1;
     int64_t m_FrameIntervalUs = 0;
+    double m_ConnectSec = 0.0;
+    double m_ProbeSec = 0.0;
     int64_t m_LastPtsUs = AV_NOPTS_VALUE;
     bool m_blDemuxEnd = false;   // the demuxer has nothing more
     bool m_blFlushed = false;    // and the bitstream filter has been drained
@@ -412,8 +414,11 @@ bool MediaSource::Open(const std::string& input, std::string& error,
         }
     }
     impl.ArmDeadline(options.openTimeoutUs);
+    const int64_t openStartUs = SteadyUs();
     int ret = avformat_open_input(&impl.m_pFormat, input.c_str(), nullptr, &dict);
     av_dict_free(&dict);
+    const int64_t probeStartUs = SteadyUs();
+    impl.m_ConnectSec = static_cast<double>(probeStartUs - openStartUs) / 1e6;
     if (ret < 0) {
         // avformat_open_input frees the context on failure.
         impl.m_pFormat = nullptr;
@@ -422,6 +427,7 @@ bool MediaSource::Open(const std::string& input, std::string& error,
                     (timedOut ? std::string("timed out") : AvError(ret)));
     }
     ret = avformat_find_stream_info(impl.m_pFormat, nullptr);
+    impl.m_ProbeSec = static_cast<double>(SteadyUs() - probeStartUs) / 1e6;
     if (ret < 0) {
         return fail("cannot read the streams of '" + input + "': " +
                     (impl.TimedOut() ? std::string("timed out") : AvError(ret)));
@@ -517,6 +523,10 @@ const std::vector<unsigned char>& MediaSource::GetExtraData() const { return m_p
 int64_t MediaSource::GetDurationUs() const { return m_pImpl->m_DurationUs; }
 
 int64_t MediaSource::GetFrameIntervalUs() const { return m_pImpl->m_FrameIntervalUs; }
+
+double MediaSource::GetConnectSeconds() const { return m_pImpl->m_ConnectSec; }
+
+double MediaSource::GetProbeSeconds() const { return m_pImpl->m_ProbeSec; }
 
 int MediaSource::ReadPacket(SourcePacket& packet) {
     Impl& impl = *m_pImpl;
@@ -623,6 +633,9 @@ struct FifoPump::Impl {
     mutable std::mutex m_ErrorMutex;
     std::string m_strLastError;
 
+    std::mutex m_ListenerMutex;
+    std::function<void(int64_t)> m_EndListener;
+
     std::thread m_Thread;
     std::mutex m_WaitMutex;
     std::condition_variable m_WaitCond;
@@ -663,8 +676,15 @@ struct FifoPump::Impl {
     }
 
     void Finish() {
-        m_EndTimeUs.store(m_LastDueUs >= 0 ? m_LastDueUs : m_EpochUs);
+        const int64_t endUs = m_LastDueUs >= 0 ? m_LastDueUs : m_EpochUs;
+        m_EndTimeUs.store(endUs);
         m_blEnded.store(true);
+        std::function<void(int64_t)> listener;
+        {
+            std::lock_guard<std::mutex> lock(m_ListenerMutex);
+            listener = m_EndListener;
+        }
+        if (listener) listener(endUs);
     }
 
     // Virtual time: push everything that is due now, on the reader's thread.
@@ -867,6 +887,11 @@ uint64_t FifoPump::GetCorruptCount() const { return m_pImpl->m_Corrupt.load(); }
 uint64_t FifoPump::GetErrorCount() const { return m_pImpl->m_Errors.load(); }
 
 uint64_t FifoPump::GetLoopCount() const { return m_pImpl->m_Loops.load(); }
+
+void FifoPump::SetEndListener(std::function<void(int64_t endUs)> listener) {
+    std::lock_guard<std::mutex> lock(m_pImpl->m_ListenerMutex);
+    m_pImpl->m_EndListener = std::move(listener);
+}
 
 std::string FifoPump::GetLastError() const {
     std::lock_guard<std::mutex> lock(m_pImpl->m_ErrorMutex);

@@ -238,6 +238,33 @@ bool DeviceShmKey(ShmKeySpace space, int devId, key_t& key, std::string& error) 
 // ---------------------------------------------------------------------------------------
 // Publisher
 
+bool ReadLiveStreamFormat(int camId, int streamNo, LiveStreamFormat& format, std::string& error) {
+    key_t key = 0;
+    if (!LiveStreamShmKey(camId, streamNo, key, error)) return false;
+    void* p = AttachExisting(key);
+    if (p == nullptr) {
+        error = "no live stream of camera " + std::to_string(camId) + " stream " + std::to_string(streamNo) +
+                " in shared memory";
+        return false;
+    }
+    ShmHeader* h = HeaderOf(p);
+    if (!LockShm(h)) {
+        shmdt(p);
+        error = "the live FIFO of camera " + std::to_string(camId) + " stream " + std::to_string(streamNo) +
+                " cannot be locked";
+        return false;
+    }
+    format.codec = h->codec;
+    format.width = h->width;
+    format.height = h->height;
+    format.extra.assign(h->extra, h->extra + (h->extraLen > 0 ? h->extraLen : 0));
+    UnlockShm(h);
+    const pid_t pid = __atomic_load_n(&h->publisherPid, __ATOMIC_ACQUIRE);
+    format.publisherAlive = pid != 0 && ProcessAlive(pid);
+    shmdt(p);
+    return true;
+}
+
 ShmStreamPublisher::ShmStreamPublisher(int camId, int streamNo, size_t dataBytes, int entries)
     : m_CamId(camId), m_StreamNo(streamNo), m_DataBytes(dataBytes), m_Entries(entries) {}
 

@@ -584,6 +584,15 @@ TEST_F(TwhostStreamTest, PublishedClipIsReadableFromAnotherProcessUntilItStops) 
               0u)
         << start;
 
+    // The publisher records the stream's format for readers that cannot be told it.
+    tw::host::LiveStreamFormat format;
+    std::string formatError;
+    ASSERT_TRUE(tw::host::ReadLiveStreamFormat(7220, 1, format, formatError)) << formatError;
+    EXPECT_EQ(format.codec, VIDEO_CODEC_H264);
+    EXPECT_EQ(format.width, 320);
+    EXPECT_EQ(format.height, 180);
+    EXPECT_TRUE(format.publisherAlive);
+
     FifoPtr fifo(LiveStreamFifoAt(7220, 1));
     EXPECT_NE(fifo, nullptr);
     Bytes got;
@@ -617,7 +626,8 @@ TEST_F(TwhostStreamTest, PublishedClipIsReadableFromAnotherProcessUntilItStops) 
     kill(child.pid, SIGTERM);
     const std::string rest = ReadToEnd(child.out);
     const std::string errors = ReadToEnd(child.err);
-    EXPECT_EQ(Reap(child), 0) << errors;
+    // SIGTERM's exit code, once the segment is removed.
+    EXPECT_EQ(Reap(child), 143) << errors;
     EXPECT_EQ(rest.rfind("twhost stream: terminated after ", 0), 0u) << rest;
     EXPECT_NE(rest.find("; live FIFO removed\n"), std::string::npos) << rest;
     EXPECT_EQ(errors, "");

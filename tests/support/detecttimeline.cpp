@@ -7,6 +7,8 @@
 #include <memory>
 #include <sstream>
 
+#include "support/jsonlines.h"
+
 namespace tw::test {
 namespace {
 
@@ -50,14 +52,19 @@ bool ParseDetectJson(const std::string& out, DetectJson& json, std::string& erro
             error = where + " is not an object";
             return false;
         }
-        if (value.isMember("summary")) {
-            if (!value["summary"].isBool() || !value["summary"].asBool()) {
-                error = where + ": \"summary\" is not true";
-                return false;
-            }
+        const std::vector<std::string> problems = CheckJsonLines("twhost detect", {value});
+        if (!problems.empty()) {
+            error = where + ": " + problems.front();
+            return false;
+        }
+        if (value["type"].asString() == "summary") {
             json.summary = value;
             haveSummary = true;
             continue;
+        }
+        if (value["type"].asString() != "status") {
+            error = where + " is neither a status nor the summary";
+            return false;
         }
         if (!value["t"].isDouble() || !value["motion"].isBool() || !value["value"].isInt()) {
             error = where + " lacks a number \"t\", a bool \"motion\" or an int \"value\"";

@@ -25,9 +25,9 @@ struct DetectJson {
     Json::Value summary;  // the last line
 };
 
-// Parses the lines of "twhost detect --json": one object per status with "t" (number),
-// "motion" (bool) and "value" (int), then one summary object with "summary": true as the
-// last line. False with error naming the first line that does not fit.
+// Parses the lines of "twhost detect --json": one "status" line per status with "t"
+// (number), "motion" (bool) and "value" (int), then one "summary" line as the last; every
+// line as README.md documents it. False with error naming the first line that does not fit.
 bool ParseDetectJson(const std::string& out, DetectJson& json, std::string& error);
 
 // The event history of a detector as statuses, times taken from epochUs.

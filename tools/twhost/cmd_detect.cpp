@@ -5,7 +5,11 @@
 #include <sys/shm.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
@@ -18,6 +22,7 @@ extern "C" {
 
 #include "cliutil.h"
 #include "commands.h"
+#include "stopsignals.h"
 #include "detectoutput.h"
 #include "tw/decode.h"
 #include "twhost/clipmaker.h"
@@ -31,6 +36,8 @@ extern "C" {
 
 namespace {
 
+using twcli::Out;
+
 struct DetectOptions {
     std::string source;
     int camId = 1;
@@ -41,16 +48,17 @@ struct DetectOptions {
     bool realtime = false;
     bool shm = false;
     int streamNo = 0;
-    std::string shmCodec = "h264";
+    std::string shmCodec;   // empty: the codec the publisher recorded
     bool json = false;
     double duration = 0;
     std::string plugin;
-    int logLevel = 4;
+    int logLevel = 3;
 };
 
-std::atomic<bool> g_blInterrupted{false};
-
-void OnSignal(int) { g_blInterrupted = true; }
+const char* const kCmd = "twhost detect";
+constexpr int64_t kPeriodUs = 300000;
+// How long --shm waits for the publisher's first key frame before it gives up.
+constexpr int kShmFirstFrameWaitMs = 10000;
 
 int CodecFromName(const std::string& name) {
     if (name == "mjpeg" || name == "jpeg") return VIDEO_CODEC_JPEG;
@@ -58,6 +66,16 @@ int CodecFromName(const std::string& name) {
     if (name == "h264") return VIDEO_CODEC_H264;
     if (name == "hevc" || name == "h265") return VIDEO_CODEC_HEVC;
     return VIDEO_CODEC_UNKNOWN;
+}
+
+const char* CodecName(int codec) {
+    switch (codec) {
+        case VIDEO_CODEC_JPEG: return "mjpeg";
+        case VIDEO_CODEC_MPEG4: return "mpeg4";
+        case VIDEO_CODEC_H264: return "h264";
+        case VIDEO_CODEC_HEVC: return "hevc";
+        default: return "unknown";
+    }
 }
 
 bool IsUrl(const std::string& s) { return s.find("://") != std::string::npos; }
@@ -76,8 +94,25 @@ private:
     int m_Level;
 };
 
-// Decodes the first key frame the way the detector will, so that a stream nobody can decode
-// is reported once, up front, instead of as a log line every 300 ms.
+// Decodes one frame the way the detector will.
+bool DecodesAs(int codec, const std::vector<unsigned char>& extra, const unsigned char* frame, int size) {
+    if (codec == VIDEO_CODEC_JPEG) {
+        unsigned char* image = nullptr;
+        int imageSize = 0, w = 0, h = 0;
+        const int r = DecodeJpeg(frame, size, &image, imageSize, JCS_GRAYSCALE, 16, w, h);
+        free(image);
+        return r == 0;
+    }
+    FFmpegAttr attr{};
+    unsigned char* image = nullptr;
+    int r = DoFFMpegInitVideo(attr, codec, extra.data(), static_cast<int>(extra.size()));
+    if (r == 0) r = DoFFMpegDecode(attr, frame, size);
+    DoFFMpegFree(attr, image);
+    return r == 0;
+}
+
+// Decodes the first key frame of a file, so that a stream nobody can decode is reported
+// once, up front, instead of as a log line every 300 ms.
 bool ProbeDecode(tw::host::MediaSource& source, std::string& error) {
     tw::host::SourcePacket packet;
     for (int read = 0; read < 600; ++read) {
@@ -89,20 +124,8 @@ bool ProbeDecode(tw::host::MediaSource& source, std::string& error) {
         if (rc == 0) break;
         if (!packet.keyFrame) continue;
         const std::vector<unsigned char>& frame = *packet.data;
-        if (source.GetCodec() == VIDEO_CODEC_JPEG) {
-            unsigned char* image = nullptr;
-            int size = 0, w = 0, h = 0;
-            const int r = DecodeJpeg(frame.data(), static_cast<int>(frame.size()), &image, size, JCS_GRAYSCALE, 16, w, h);
-            free(image);
-            if (r == 0) return true;
-        } else {
-            FFmpegAttr attr{};
-            unsigned char* image = nullptr;
-            const std::vector<unsigned char>& extra = source.GetExtraData();
-            int r = DoFFMpegInitVideo(attr, source.GetCodec(), extra.data(), static_cast<int>(extra.size()));
-            if (r == 0) r = DoFFMpegDecode(attr, frame.data(), static_cast<int>(frame.size()));
-            DoFFMpegFree(attr, image);
-            if (r == 0) return true;
+        if (DecodesAs(source.GetCodec(), source.GetExtraData(), frame.data(), static_cast<int>(frame.size()))) {
+            return true;
         }
         error = std::string("cannot decode the ") + source.GetCodecName() + " video of '" + source.GetInput() + "'";
         return false;
@@ -111,83 +134,196 @@ bool ProbeDecode(tw::host::MediaSource& source, std::string& error) {
     return false;
 }
 
+// The live FIFO's format from its publisher, and its newest key frame decoded with it. 0 on
+// success; 1 with the error printed; or the stop signal that came while waiting.
+int ProbeShm(const DetectOptions& opt, StopSignals& signals, int& codec, tw::host::LiveStreamFormat& format) {
+    std::string error;
+    key_t key = 0;
+    if (!tw::host::LiveStreamShmKey(opt.camId, opt.streamNo, key, error)) {
+        fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
+        return twcli::kExitFailure;
+    }
+    if (!tw::host::ReadLiveStreamFormat(opt.camId, opt.streamNo, format, error)) {
+        fprintf(stderr,
+                "%s: no live stream of camera %d stream %d in shared memory (key 0x%08x); "
+                "start 'twhost stream SOURCE --camera-id %d' first\n",
+                kCmd, opt.camId, opt.streamNo, static_cast<unsigned>(key), opt.camId);
+        return twcli::kExitFailure;
+    }
+    codec = opt.shmCodec.empty() ? format.codec : CodecFromName(opt.shmCodec);
+    if (codec == VIDEO_CODEC_UNKNOWN) {
+        fprintf(stderr,
+                "%s: the publisher of camera %d stream %d has not recorded a codec I can decode; "
+                "give --codec (mjpeg, mpeg4, h264, hevc)\n",
+                kCmd, opt.camId, opt.streamNo);
+        return twcli::kExitFailure;
+    }
+    ShmStreamFifo* live = LiveStreamFifoAt(opt.camId, opt.streamNo);
+    if (live == nullptr) {
+        fprintf(stderr, "%s: the live stream of camera %d stream %d went away\n", kCmd, opt.camId, opt.streamNo);
+        return twcli::kExitFailure;
+    }
+    int result = twcli::kExitFailure;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kShmFirstFrameWaitMs);
+    for (;;) {
+        int id = 0, size = 0;
+        unsigned char* frame = nullptr;
+        if (codec == VIDEO_CODEC_JPEG) {
+            live->ReadLatest(id, frame, size, false);
+        } else {
+            live->ReadLatestIFrame(id, frame, size, nullptr);
+        }
+        if (frame != nullptr) {
+            bool ok;
+            {
+                QuietFfmpegLog quiet;
+                ok = DecodesAs(codec, format.extra, frame, size);
+            }
+            delete[] frame;
+            if (ok) {
+                result = 0;
+            } else {
+                fprintf(stderr, "%s: cannot decode the live stream of camera %d stream %d as %s%s\n", kCmd,
+                        opt.camId, opt.streamNo, CodecName(codec),
+                        opt.shmCodec.empty() ? " (the codec its publisher recorded)" : " (--codec)");
+            }
+            break;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            fprintf(stderr, "%s: the live stream of camera %d stream %d delivered no %s in %d s\n", kCmd,
+                    opt.camId, opt.streamNo, codec == VIDEO_CODEC_JPEG ? "frame" : "key frame",
+                    kShmFirstFrameWaitMs / 1000);
+            break;
+        }
+        if (const int sig = signals.Wait(20)) {
+            result = twcli::ExitForSignal(sig);
+            break;
+        }
+    }
+    shmdt(live);
+    return result;
+}
+
+// The built-in sample, made on the fly into a temporary file; nothing encoded is shipped.
+class TempSample {
+public:
+    ~TempSample() {
+        if (!m_strPath.empty()) unlink(m_strPath.c_str());
+    }
+    bool Make(std::string& error) {
+        char path[] = "/tmp/twhost-sample-XXXXXX";
+        const int fd = mkstemp(path);
+        if (fd < 0) {
+            error = std::string("cannot create a temporary file for the sample: ") + strerror(errno);
+            return false;
+        }
+        close(fd);
+        unlink(path);
+        m_strPath = std::string(path) + ".mp4";
+        return tw::host::WriteClip(m_Spec, m_strPath, error);
+    }
+    const std::string& Path() const { return m_strPath; }
+    const tw::host::ClipSpec& Spec() const { return m_Spec; }
+
+private:
+    tw::host::ClipSpec m_Spec = tw::host::SampleClipSpec();
+    std::string m_strPath;
+};
+
+// A position line on a terminal's stderr, rewritten in place and cleared at the end.
+class ProgressLine {
+public:
+    explicit ProgressLine(bool on) : m_blOn(on) {}
+    ~ProgressLine() { Clear(); }
+    void Show(double position, double duration, double wallSec) {
+        if (!m_blOn) return;
+        const auto now = std::chrono::steady_clock::now();
+        if (m_blShown && now - m_Last < std::chrono::milliseconds(250)) return;
+        m_Last = now;
+        m_blShown = true;
+        const double speed = wallSec > 0 ? position / wallSec : 0;
+        if (duration > 0) {
+            fprintf(stderr, "\r%8.1f / %.1f s  %5.1fx\033[K", position, duration, speed);
+        } else {
+            fprintf(stderr, "\r%8.1f s  %5.1fx\033[K", position, speed);
+        }
+        fflush(stderr);
+    }
+    void Clear() {
+        if (!m_blShown) return;
+        fprintf(stderr, "\r\033[K");
+        fflush(stderr);
+        m_blShown = false;
+    }
+
+private:
+    bool m_blOn;
+    bool m_blShown = false;
+    std::chrono::steady_clock::time_point m_Last;
+};
+
 int RunDetect(const DetectOptions& opt) {
-    const char* kCmd = "twhost detect";
+    Out& out = Out::Get();
+    out.SetJson(opt.json);
     std::string region;
     std::string error;
     if (!tw::host::ParseRegion(opt.region, region, error)) {
         fprintf(stderr, "%s: bad --region '%s': %s\n", kCmd, opt.region.c_str(), error.c_str());
-        return 2;
+        return twcli::kExitUsage;
+    }
+    if (!opt.shm && !opt.shmCodec.empty()) {
+        fprintf(stderr, "%s: --codec applies to --shm only; a file or URL tells its own codec\n", kCmd);
+        return twcli::kExitUsage;
+    }
+    if (!opt.shmCodec.empty() && CodecFromName(opt.shmCodec) == VIDEO_CODEC_UNKNOWN) {
+        fprintf(stderr, "%s: unknown --codec '%s' (mjpeg, mpeg4, h264, hevc)\n", kCmd, opt.shmCodec.c_str());
+        return twcli::kExitUsage;
+    }
+    if (opt.shm && !opt.source.empty()) {
+        fprintf(stderr, "%s: --shm reads the live FIFO of --camera-id; give no SOURCE with it\n", kCmd);
+        return twcli::kExitUsage;
     }
 
-    // The built-in sample is made on the fly; nothing encoded is shipped.
+    // Taken by this thread alone from here on: every thread started later (the pump, the
+    // detector) inherits the mask.
+    StopSignals signals;
+
+    TempSample sample;
     std::string input = opt.source;
-    std::string tempSample;
     std::vector<std::pair<double, double>> expected;
     if (!opt.shm && input.empty()) {
-        const tw::host::ClipSpec clipSpec = tw::host::SampleClipSpec();
-        char path[] = "/tmp/twhost-sample-XXXXXX";
-        const int fd = mkstemp(path);
-        if (fd < 0) {
-            fprintf(stderr, "%s: cannot create a temporary file for the sample\n", kCmd);
-            return 1;
-        }
-        close(fd);
-        unlink(path);
-        tempSample = std::string(path) + ".mp4";
-        if (!tw::host::WriteClip(clipSpec, tempSample, error)) {
+        if (!sample.Make(error)) {
             fprintf(stderr, "%s: cannot make the built-in sample: %s\n", kCmd, error.c_str());
-            return 1;
+            return twcli::kExitFailure;
         }
-        input = tempSample;
-        expected = clipSpec.motion;
+        input = sample.Path();
+        expected = sample.Spec().motion;
     }
-    struct TempRemover {
-        std::string path;
-        ~TempRemover() {
-            if (!path.empty()) unlink(path.c_str());
-        }
-    } remover{tempSample};
 
     tw::host::MediaSource source;
+    tw::host::LiveStreamFormat shmFormat;
     int codec = VIDEO_CODEC_UNKNOWN;
-    const bool virtualTime = !opt.shm && !opt.realtime && !IsUrl(input);
+    const bool live = opt.shm || IsUrl(input);
+    const bool virtualTime = !live && !opt.realtime;
+    double connectSec = -1, probeSec = -1;
     if (opt.shm) {
-        codec = CodecFromName(opt.shmCodec);
-        if (codec == VIDEO_CODEC_UNKNOWN) {
-            fprintf(stderr, "%s: unknown --codec '%s' (mjpeg, mpeg4, h264, hevc)\n", kCmd, opt.shmCodec.c_str());
-            return 2;
-        }
-        // Without a publisher the detector's thread gives up at once and only logs it; the
-        // run would then wait for nothing, so the missing stream is reported here instead.
-        key_t key = 0;
-        if (!tw::host::LiveStreamShmKey(opt.camId, opt.streamNo, key, error)) {
-            fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
-            return 1;
-        }
-        ShmStreamFifo* live = LiveStreamFifoAt(opt.camId, opt.streamNo);
-        if (live == nullptr) {
-            fprintf(stderr,
-                    "%s: no live stream of camera %d stream %d in shared memory (key 0x%08x); "
-                    "start 'twhost stream SOURCE --camera-id %d' first\n",
-                    kCmd, opt.camId, opt.streamNo, static_cast<unsigned>(key), opt.camId);
-            return 1;
-        }
-        shmdt(live);
+        const auto probeStart = std::chrono::steady_clock::now();
+        const int rc = ProbeShm(opt, signals, codec, shmFormat);
+        if (rc != 0) return rc;
+        connectSec = 0;
+        probeSec = std::chrono::duration<double>(std::chrono::steady_clock::now() - probeStart).count();
     } else {
         QuietFfmpegLog quiet;
         if (!source.Open(input, error)) {
             fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
-            return 1;
+            return twcli::kExitFailure;
         }
+        connectSec = source.GetConnectSeconds();
+        probeSec = source.GetProbeSeconds();
         if (!IsUrl(input)) {
-            if (!ProbeDecode(source, error)) {
+            if (!ProbeDecode(source, error) || !source.Rewind(error)) {
                 fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
-                return 1;
-            }
-            if (!source.Rewind(error)) {
-                fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
-                return 1;
+                return twcli::kExitFailure;
             }
         }
         codec = source.GetCodec();
@@ -197,7 +333,7 @@ int RunDetect(const DetectOptions& opt) {
         tw::host::PluginModule::Load(opt.plugin.empty() ? tw::host::PluginModule::DefaultPath() : opt.plugin, error);
     if (!module) {
         fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
-        return 1;
+        return twcli::kExitFailure;
     }
 
     tw::host::DbgLogConfig logConfig;
@@ -212,6 +348,12 @@ int RunDetect(const DetectOptions& opt) {
         virtualClock = std::make_shared<tw::host::ManualClock>(0, true);
         tw::host::SetClock(virtualClock);
     }
+    struct ClockRestorer {
+        bool on;
+        ~ClockRestorer() {
+            if (on) tw::host::SetClock(nullptr);
+        }
+    } clockRestorer{virtualTime};
     tw::host::Clock& clock = tw::host::GetClock();
 
     Camera camera = tw::host::MakeCamera(opt.camId, codec);
@@ -226,19 +368,33 @@ int RunDetect(const DetectOptions& opt) {
 
     StreamFifo fifo;
     std::unique_ptr<tw::host::FifoPump> pump;
-    if (!opt.shm) {
-        pump = std::make_unique<tw::host::FifoPump>(source, fifo);
+    if (!opt.shm) pump = std::make_unique<tw::host::FifoPump>(source, fifo);
+    const int64_t epochUs = clock.NowUs();
+    const int64_t wallOffsetUs = twcli::WallNowUs() - clock.NowUs();
+    DetectPrinter printer(epochUs, live ? wallOffsetUs : 0, live);
+
+    // The end of data, on the thread that found it: in virtual time that is the detector's
+    // own, before it waits again, so the clock is held right there and no turn is stamped
+    // past what the file holds.
+    std::atomic<bool> dataEnded{false};
+    if (pump) {
+        tw::host::ManualClock* vc = virtualClock.get();
+        pump->SetEndListener([vc, &printer, &dataEnded](int64_t endUs) {
+            printer.CutAt(endUs, true);
+            if (vc != nullptr) vc->SetAdvanceLimitUs(endUs + kPeriodUs);
+            dataEnded = true;
+        });
         const bool started = virtualTime ? pump->StartVirtual(error) : pump->StartRealTime({}, error);
         if (!started) {
             fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
-            return 1;
+            return twcli::kExitFailure;
         }
     }
-    const int64_t epochUs = pump ? pump->GetEpochUs() : clock.NowUs();
 
-    DetectPrinter printer(opt.json, epochUs, isatty(STDOUT_FILENO) != 0);
-    printer.Begin(opt.shm ? "shared memory of camera " + std::to_string(opt.camId) : input,
-                  opt.shm ? opt.shmCodec : source.GetCodecName(), virtualTime, expected);
+    const std::string described = opt.shm ? "the live FIFO of camera " + std::to_string(opt.camId) + " stream " +
+                                                std::to_string(opt.streamNo)
+                                          : (expected.empty() ? input : std::string("the built-in sample"));
+    printer.Begin(described, CodecName(codec), virtualTime, expected);
     EventBuf events(opt.camId);
     tw::host::SetEventListener(events, [&printer](const tw::host::EventRecord& r) { printer.Event(r); });
 
@@ -249,52 +405,105 @@ int RunDetect(const DetectOptions& opt) {
                           {3, std::to_string(opt.threshold)},
                           {9, std::to_string(opt.shortLive)}});
 
-    signal(SIGINT, OnSignal);
-    signal(SIGTERM, OnSignal);
     const auto realStart = std::chrono::steady_clock::now();
     const int64_t durationUs = opt.duration > 0 ? static_cast<int64_t>(opt.duration * 1e6) : -1;
+    if (durationUs > 0) printer.CutAt(epochUs + durationUs, false);
+    const int64_t announcedUs = pump ? pump->GetExpectedEndTimeUs() : -1;
     // In virtual time the detector may not run past what the file is known to hold: the
-    // clock stops at the expected end (and moves on in steps while frames keep coming), so
-    // the last verdicts are stamped where they belong.
-    constexpr int64_t kPeriodUs = 300000;
+    // clock stops at the announced end (and moves on in steps while frames keep coming).
     int64_t limitUs = -1;
     if (virtualClock) {
-        const int64_t expectedEnd = pump->GetExpectedEndTimeUs();
-        limitUs = (expectedEnd > 0 ? expectedEnd : epochUs) + kPeriodUs;
+        limitUs = (announcedUs > 0 ? announcedUs : epochUs) + kPeriodUs;
         if (durationUs > 0 && epochUs + durationUs < limitUs) limitUs = epochUs + durationUs;
         virtualClock->SetAdvanceLimitUs(limitUs);
     }
+    ProgressLine progress(!live && isatty(STDERR_FILENO) != 0);
+    const double announcedSec = announcedUs > 0 ? static_cast<double>(announcedUs - epochUs) / 1e6 : -1;
+    int sig = 0;
+    std::string endReason;
     handler->Start();
     for (;;) {
-        if (g_blInterrupted) break;
-        if (!handler->IsActivated()) break;  // never, but a host checks
         const int64_t now = clock.NowUs();
-        if (durationUs > 0 && now - epochUs >= durationUs) break;
-        if (pump && pump->Ended()) {
-            // Let the detector look once more after the last frame arrived.
-            const int64_t stopAt = pump->GetEndTimeUs() + kPeriodUs;
-            if (virtualClock && limitUs != stopAt) {
-                limitUs = stopAt;
-                virtualClock->SetAdvanceLimitUs(limitUs);
-            }
-            if (now >= stopAt) break;
-        } else if (virtualClock && now >= limitUs && (durationUs < 0 || now - epochUs < durationUs)) {
+        if (out.Failed()) {
+            endReason = "standard output failed";
+            break;
+        }
+        if (durationUs > 0 && now - epochUs >= durationUs) {
+            endReason = "duration reached";
+            break;
+        }
+        if (dataEnded) {
+            endReason = pump->GetErrorCount() > 0 ? "read error" : (IsUrl(input) ? "end of stream" : "end of input");
+            break;
+        }
+        if (virtualClock && now >= limitUs && (durationUs < 0 || now - epochUs < durationUs)) {
             limitUs += 1000000;
+            if (durationUs > 0 && epochUs + durationUs < limitUs) limitUs = epochUs + durationUs;
             virtualClock->SetAdvanceLimitUs(limitUs);
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(virtualTime ? 1 : 20));
+        progress.Show(static_cast<double>(now - epochUs) / 1e6, announcedSec,
+                      std::chrono::duration<double>(std::chrono::steady_clock::now() - realStart).count());
+        if ((sig = signals.Wait(virtualTime ? 1 : 20)) != 0) {
+            endReason = twcli::StopReason(sig, "");
+            break;
+        }
     }
     handler->Stop();
-    const double wallSec =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - realStart).count();
-    const int64_t endUs = pump && pump->Ended() ? pump->GetEndTimeUs() : clock.NowUs();
+    progress.Clear();
+    const double wallSec = std::chrono::duration<double>(std::chrono::steady_clock::now() - realStart).count();
     handler->Release();
     handler.reset();
     if (pump) pump->Stop();
     tw::host::SetEventListener(events, nullptr);
-    printer.End(endUs, wallSec, pump ? pump->GetPacketCount() : 0);
-    if (virtualClock) tw::host::SetClock(nullptr);
-    return 0;
+
+    DetectPrinter::Summary summary;
+    summary.endUs = dataEnded ? pump->GetEndTimeUs() : clock.NowUs();
+    if (durationUs > 0 && summary.endUs > epochUs + durationUs) summary.endUs = epochUs + durationUs;
+    int rc = twcli::ExitForSignal(sig);
+    if (dataEnded && pump->GetErrorCount() > 0) {
+        fprintf(stderr, "%s: %s\n", kCmd, pump->GetLastError().c_str());
+        rc = twcli::kExitFailure;
+    }
+    const double dataEndSec = dataEnded ? static_cast<double>(pump->GetEndTimeUs() - epochUs) / 1e6 : -1;
+    if (dataEnded && !IsUrl(input) && announcedSec > 0 && pump->GetErrorCount() == 0) {
+        // The last packet starts a frame before the end; more than that missing is data that
+        // the container announced and the file does not hold.
+        const double frameSec = static_cast<double>(source.GetFrameIntervalUs()) / 1e6;
+        const double slack = std::max(0.5, 3 * frameSec);
+        if (dataEndSec + slack < announcedSec) {
+            fprintf(stderr, "%s: the data of '%s' ends at %.2f s, before the %.2f s its container announces\n",
+                    kCmd, input.c_str(), dataEndSec, announcedSec);
+            endReason = "end of data before the announced duration";
+        }
+    }
+    summary.input = Json::Value(Json::objectValue);
+    summary.input["source"] = opt.shm ? std::string("shm") : (expected.empty() ? input : std::string("sample"));
+    if (opt.shm) summary.input["streamNo"] = opt.streamNo;
+    summary.input["codec"] = CodecName(codec);
+    summary.input["width"] = opt.shm ? shmFormat.width : source.GetWidth();
+    summary.input["height"] = opt.shm ? shmFormat.height : source.GetHeight();
+    summary.input["time"] = virtualTime ? "virtual" : "real";
+    summary.settings = Json::Value(Json::objectValue);
+    summary.settings["cameraId"] = opt.camId;
+    summary.settings["sensitivity"] = opt.sensitivity;
+    summary.settings["threshold"] = opt.threshold;
+    summary.settings["shortLive"] = opt.shortLive;
+    summary.settings["region"] = opt.region;
+    summary.settings["watchedCells"] = static_cast<int>(std::count(region.begin(), region.end(), '1'));
+    if (durationUs > 0) summary.settings["duration"] = opt.duration;
+    summary.settings["logLevel"] = opt.logLevel;
+    summary.endReason = endReason;
+    summary.wallSeconds = wallSec;
+    summary.frames = pump ? pump->GetPacketCount() : 0;
+    summary.framesKnown = pump != nullptr;
+    summary.file = !live;
+    summary.dataEndSec = !live ? dataEndSec : -1;
+    summary.announcedSec = !live ? announcedSec : -1;
+    summary.watchStartWallUs = epochUs + wallOffsetUs;
+    summary.connectSec = connectSec;
+    summary.probeSec = probeSec;
+    printer.End(summary);
+    return rc;
 }
 
 }  // namespace
@@ -315,12 +524,15 @@ void RegisterDetectCommand(CLI::App& app, int& exitCode) {
     cmd->add_flag("--realtime", opt->realtime, "Run a file in real time instead of virtual time");
     cmd->add_flag("--shm", opt->shm, "Read the shared-memory live FIFO that 'twhost stream' fills");
     cmd->add_option("--stream-no", opt->streamNo, "Stream number of the live FIFO (--shm)")->check(twcli::IntIn(0, 7));
-    cmd->add_option("--codec", opt->shmCodec, "Codec of the live FIFO (--shm): mjpeg, mpeg4, h264, hevc");
+    cmd->add_option("--codec", opt->shmCodec,
+                    "Codec of the live FIFO (--shm), overriding what its publisher recorded (for a foreign "
+                    "publisher): mjpeg, mpeg4, h264, hevc");
     cmd->add_option("--duration", opt->duration, "Stop after this many seconds of stream time")
         ->check(twcli::Seconds(false));
     cmd->add_flag("--json", opt->json, "One JSON object per line for every status, then a summary");
     cmd->add_option("--plugin", opt->plugin, "Path of the plug-in library");
-    cmd->add_option("--log-level", opt->logLevel, "Plug-in log level 0..7 for every category")
+    cmd->add_option("--log-level", opt->logLevel,
+                    "Plug-in log level 0..7 for every category; the default 3 shows errors only")
         ->check(twcli::IntIn(0, 7));
     cmd->callback([opt, &exitCode]() { exitCode = RunDetect(*opt); });
 }

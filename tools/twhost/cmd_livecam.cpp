@@ -40,58 +40,63 @@ struct LiveCamOptions {
     bool m_blJson = false;
     double m_DurationSec = 0.0;
     std::string m_strPlugin;
-    int m_LogLevel = 4;
+    int m_LogLevel = 3;
 };
 
 // Prints statuses as they come, on the detector's thread.
 class LiveCamPrinter {
 public:
-    LiveCamPrinter(bool json, int64_t epochUs) : m_blJson(json), m_EpochUs(epochUs) {
-        m_Writer["indentation"] = "";
-        // Milliseconds are all the clock of a status is good for.
-        m_Writer["precision"] = 3;
-        m_Writer["precisionType"] = "decimal";
-    }
+    LiveCamPrinter(int64_t epochUs, int64_t wallOffsetUs) : m_EpochUs(epochUs), m_WallOffsetUs(wallOffsetUs) {}
 
     void Status(const EventRecord& record) {
         std::lock_guard<std::mutex> lock(m_Mutex);
         ++m_Count;
         if (record.motion) ++m_MotionCount;
         const double t = static_cast<double>(record.timeUs - m_EpochUs) / 1e6;
-        if (m_blJson) {
-            Json::Value v(Json::objectValue);
-            v["t"] = t;
+        twcli::Out& out = twcli::Out::Get();
+        const std::string wall = twcli::IsoUtc(record.timeUs + m_WallOffsetUs);
+        if (out.Json()) {
+            Json::Value v = twcli::Out::Line("status", t);
             v["motion"] = record.motion;
             v["value"] = record.value;
-            std::printf("%s\n", Json::writeString(m_Writer, v).c_str());
-        } else {
-            // A readable account shows changes only: the end of every cycle repeats "no motion".
-            if (m_blPrinted && record.motion == m_blLastMotion && record.value == m_LastValue) return;
-            if (record.motion) {
-                std::printf("%8.3f s  motion, level %d\n", t, record.value);
-            } else {
-                std::printf("%8.3f s  no motion (level %d)\n", t, record.value);
-            }
+            v["wallTime"] = wall;
+            out.Emit(v);
+            return;
         }
-        std::fflush(stdout);
+        // A readable account shows changes only: the end of every cycle repeats "no motion".
+        if (m_blPrinted && record.motion == m_blLastMotion && record.value == m_LastValue) return;
+        if (record.motion) {
+            out.Textf("%8.3f s  motion, level %d  %s", t, record.value, wall.c_str());
+        } else {
+            out.Textf("%8.3f s  no motion (level %d)  %s", t, record.value, wall.c_str());
+        }
         m_blPrinted = true;
         m_blLastMotion = record.motion;
         m_LastValue = record.value;
     }
 
-    void Summary(double seconds) {
+    void Summary(double seconds, const Json::Value& input, const Json::Value& settings, const std::string& endReason) {
         std::lock_guard<std::mutex> lock(m_Mutex);
-        if (m_blJson) return;
-        std::printf("%s: stopped after %.1f s: %d status%s, %d with motion\n", kCmd, seconds, m_Count,
-                    m_Count == 1 ? "" : "es", m_MotionCount);
-        std::fflush(stdout);
+        twcli::Out& out = twcli::Out::Get();
+        if (out.Json()) {
+            Json::Value v = twcli::Out::Line("summary", seconds);
+            v["input"] = input;
+            v["settings"] = settings;
+            v["endReason"] = endReason;
+            v["statuses"] = m_Count;
+            v["motionStatuses"] = m_MotionCount;
+            v["watchStart"] = twcli::IsoUtc(m_EpochUs + m_WallOffsetUs);
+            out.Emit(v);
+            return;
+        }
+        out.Textf("%s: %s after %.1f s: %d status%s, %d with motion", kCmd, endReason.c_str(), seconds, m_Count,
+                  m_Count == 1 ? "" : "es", m_MotionCount);
     }
 
 private:
     std::mutex m_Mutex;
-    bool m_blJson;
     int64_t m_EpochUs;
-    Json::StreamWriterBuilder m_Writer;
+    int64_t m_WallOffsetUs;
     bool m_blPrinted = false;
     bool m_blLastMotion = false;
     int m_LastValue = 0;
@@ -113,6 +118,7 @@ bool DaemonListens(const std::string& path) {
 }
 
 int RunLiveCam(const LiveCamOptions& opt) {
+    twcli::Out::Get().SetJson(opt.m_blJson);
     const bool noDaemon = opt.m_strMobiled == "none";
     const std::string controlPath = opt.m_strMobiled.empty() ? std::string(kDefaultMobiledSocket) : opt.m_strMobiled;
     if (!noDaemon) {
@@ -156,23 +162,24 @@ int RunLiveCam(const LiveCamOptions& opt) {
 
     Clock& clock = GetClock();
     const int64_t epochUs = clock.NowUs();
-    LiveCamPrinter printer(opt.m_blJson, epochUs);
+    LiveCamPrinter printer(epochUs, twcli::WallNowUs() - epochUs);
     SetEventListener(events, [&printer](const EventRecord& record) { printer.Status(record); });
     if (!opt.m_blJson) {
-        std::printf("%s: camera %d, detector socket /tmp/tw_livecam_detector_%d.sock, mobile daemon %s\n", kCmd,
-                    opt.m_CamId, opt.m_CamId,
-                    noDaemon ? "none (every request agreed; connect to the socket yourself)"
-                             : ("at '" + controlPath + "'").c_str());
-        std::fflush(stdout);
+        twcli::Out::Get().Textf("%s: camera %d, detector socket /tmp/tw_livecam_detector_%d.sock, mobile daemon %s",
+                                kCmd, opt.m_CamId, opt.m_CamId,
+                                noDaemon ? "none (every request agreed; connect to the socket yourself)"
+                                         : ("at '" + controlPath + "'").c_str());
     }
 
     DPObjectBase* det = module->LiveCamDetectorFactory(&camera, &events);
     std::unique_ptr<DetectorHandlerProxy> handler = module->NewDetectorHandler();
     handler->SetDetector(det, kLiveCamDetType);
     int rc = 0;
+    const char* endReason = "duration reached";
     if (handler->Start() != 0) {
         std::fprintf(stderr, "%s: the detector of camera %d did not start\n", kCmd, opt.m_CamId);
         rc = 1;
+        endReason = "the detector did not start";
     } else {
         const int64_t stopAtUs = opt.m_DurationSec > 0.0 ? epochUs + static_cast<int64_t>(opt.m_DurationSec * 1e6) : -1;
         for (;;) {
@@ -180,7 +187,15 @@ int RunLiveCam(const LiveCamOptions& opt) {
             if (stopAtUs >= 0 && now >= stopAtUs) break;
             int64_t sliceUs = 100000;
             if (stopAtUs >= 0 && stopAtUs - now < sliceUs) sliceUs = stopAtUs - now;
-            if (stopSignals.Wait(static_cast<int>((sliceUs + 999) / 1000)) != 0) break;
+            if (twcli::Out::Get().Failed()) {
+                endReason = "standard output failed";
+                break;
+            }
+            if (const int sig = stopSignals.Wait(static_cast<int>((sliceUs + 999) / 1000))) {
+                endReason = twcli::StopReason(sig, "");
+                rc = twcli::ExitForSignal(sig);
+                break;
+            }
         }
         // Stopping waits for the detector's thread, which may be in its pause between cycles.
         handler->Stop();
@@ -189,7 +204,14 @@ int RunLiveCam(const LiveCamOptions& opt) {
     handler.reset();
     SetEventListener(events, nullptr);
     if (noDaemon) SetMobiledHandler(nullptr);
-    printer.Summary(static_cast<double>(clock.NowUs() - epochUs) / 1e6);
+    Json::Value input(Json::objectValue);
+    input["socket"] = "/tmp/tw_livecam_detector_" + std::to_string(opt.m_CamId) + ".sock";
+    input["mobiled"] = noDaemon ? std::string("none") : controlPath;
+    Json::Value settings(Json::objectValue);
+    settings["cameraId"] = opt.m_CamId;
+    if (opt.m_DurationSec > 0.0) settings["duration"] = opt.m_DurationSec;
+    settings["logLevel"] = opt.m_LogLevel;
+    printer.Summary(static_cast<double>(clock.NowUs() - epochUs) / 1e6, input, settings, endReason);
     return rc;
 }
 
@@ -208,10 +230,10 @@ void RegisterLiveCamCommand(CLI::App& app, int& exitCode) {
                     "Control socket of the mobile daemon (default " + std::string(tw::host::kDefaultMobiledSocket) +
                         "), or 'none': every request is agreed and any process may connect to the socket")
         ->check([](const std::string& text) { return text.empty() ? std::string("empty path") : std::string(); });
-    cmd->add_flag("--json", opt->m_blJson, "One JSON object per line for every status: {\"t\", \"motion\", \"value\"}");
+    cmd->add_flag("--json", opt->m_blJson, "One JSON object per line: a \"status\" line per status, then the \"summary\"");
     cmd->add_option("--duration", opt->m_DurationSec, "Stop after this many seconds")->check(twcli::Seconds(false));
     cmd->add_option("--plugin", opt->m_strPlugin, "Path of the plug-in library");
-    cmd->add_option("--log-level", opt->m_LogLevel, "Plug-in log level 0..7 for every category")
+    cmd->add_option("--log-level", opt->m_LogLevel, "Plug-in log level 0..7 for every category (3: errors only)")
         ->check(twcli::IntIn(0, 7))
         ->capture_default_str();
     cmd->callback([opt, &exitCode]() { exitCode = tw::host::RunLiveCam(*opt); });

@@ -4,8 +4,10 @@
 // real daemon produces.
 #include <signal.h>
 
+#include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -71,9 +73,7 @@ const char* KindName(MobiledActivity::Kind kind) {
 }
 
 Json::Value ActivityJson(const MobiledActivity& a) {
-    Json::Value v(Json::objectValue);
-    v["t"] = a.t;
-    v["kind"] = KindName(a.kind);
+    Json::Value v = twcli::Out::Line(KindName(a.kind), a.t);
     if (a.cameraId >= 0 || a.kind != MobiledActivity::Kind::Request) v["cameraId"] = a.cameraId;
     switch (a.kind) {
     case MobiledActivity::Kind::Request:
@@ -89,7 +89,7 @@ Json::Value ActivityJson(const MobiledActivity& a) {
         if (a.raw) {
             v["raw"] = Printable(a.payload);
         } else {
-            v["type"] = a.type;
+            v["eventType"] = a.type;
             v["payload"] = a.payload;
         }
         v["bytes"] = static_cast<Json::UInt64>(a.bytes);
@@ -160,54 +160,68 @@ int RunMobiled(const MobiledOptions& opt) {
     // The signals are taken by this thread alone: the daemon's threads inherit the mask.
     StopSignals stopSignals;
 
-    std::mutex printMutex;
-    const bool json = opt.m_blJson;
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    writer["precision"] = 3;
-    writer["precisionType"] = "decimal";
+    twcli::Out& out = twcli::Out::Get();
+    out.SetJson(opt.m_blJson);
+    std::mutex countMutex;
+    std::map<std::string, int> counts;
     MobileDaemon daemon(daemonOptions);
     daemon.SetListener([&](const MobiledActivity& activity) {
-        std::lock_guard<std::mutex> lock(printMutex);
-        const std::string line = json ? Json::writeString(writer, ActivityJson(activity)) : ActivityText(activity);
-        std::printf("%s\n", line.c_str());
-        std::fflush(stdout);
+        {
+            std::lock_guard<std::mutex> lock(countMutex);
+            ++counts[KindName(activity.kind)];
+        }
+        if (out.Json()) {
+            out.Emit(ActivityJson(activity));
+        } else {
+            out.Text(ActivityText(activity));
+        }
     });
     if (!daemon.Start(error)) {
         std::fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
-        return 1;
+        return twcli::kExitFailure;
     }
-    {
-        std::lock_guard<std::mutex> lock(printMutex);
-        if (json) {
-            Json::Value v(Json::objectValue);
-            v["kind"] = "listening";
-            v["socket"] = opt.m_strSocket;
-            v["events"] = static_cast<Json::UInt64>(eventCount);
-            std::printf("%s\n", Json::writeString(writer, v).c_str());
-        } else {
-            std::printf("%s: serving '%s', script of %zu event%s\n", kCmd, opt.m_strSocket.c_str(), eventCount,
-                        eventCount == 1 ? "" : "s");
-        }
-        std::fflush(stdout);
+    const auto started = std::chrono::steady_clock::now();
+    if (out.Json()) {
+        Json::Value v = twcli::Out::Line("listening", 0.0);
+        v["socket"] = opt.m_strSocket;
+        v["events"] = static_cast<Json::UInt64>(eventCount);
+        out.Emit(v);
+    } else {
+        out.Textf("%s: serving '%s', script of %zu event%s", kCmd, opt.m_strSocket.c_str(), eventCount,
+                  eventCount == 1 ? "" : "s");
     }
 
     int sig = 0;
-    while (sig == 0) sig = stopSignals.Wait(-1);
+    while (sig == 0 && !out.Failed()) sig = stopSignals.Wait(500);
     daemon.Stop();
-    {
-        std::lock_guard<std::mutex> lock(printMutex);
-        if (json) {
-            Json::Value v(Json::objectValue);
-            v["kind"] = "stopped";
-            v["signal"] = sig == SIGINT ? "SIGINT" : "SIGTERM";
-            std::printf("%s\n", Json::writeString(writer, v).c_str());
-        } else {
-            std::printf("%s: %s; control socket removed\n", kCmd, StopSignals::Why(sig));
-        }
-        std::fflush(stdout);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    const char* endReason = twcli::StopReason(sig, "standard output failed");
+    if (out.Json()) {
+        Json::Value v = twcli::Out::Line("summary", seconds);
+        Json::Value input(Json::objectValue);
+        input["script"] = opt.m_strScript;
+        input["events"] = static_cast<Json::UInt64>(eventCount);
+        v["input"] = input;
+        Json::Value settings(Json::objectValue);
+        settings["socket"] = opt.m_strSocket;
+        settings["coalesce"] = opt.m_Coalesce;
+        settings["split"] = opt.m_blSplit;
+        settings["pauseMs"] = opt.m_PauseMs;
+        if (!opt.m_strRefuse.empty()) settings["refuse"] = opt.m_strRefuse;
+        settings["noConnect"] = opt.m_blNoConnect;
+        settings["repeat"] = opt.m_blRepeat;
+        settings["hold"] = opt.m_blHold;
+        v["settings"] = settings;
+        v["endReason"] = endReason;
+        std::lock_guard<std::mutex> lock(countMutex);
+        v["requests"] = counts["request"];
+        v["connections"] = counts["connected"];
+        v["eventsSent"] = counts["event"];
+        out.Emit(v);
+    } else {
+        out.Textf("%s: %s; control socket removed", kCmd, endReason);
     }
-    return 0;
+    return twcli::ExitForSignal(sig);
 }
 
 }  // namespace

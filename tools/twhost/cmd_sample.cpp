@@ -4,10 +4,13 @@
 #include <memory>
 #include <string>
 
+#include <json/json.h>
+
 extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "cliutil.h"
 #include "commands.h"
 #include "tw/camera.h"
 #include "twhost/clipmaker.h"
@@ -24,6 +27,8 @@ struct SampleOptions {
     std::string m_strCodec = "h264";
     double m_DurationSec = 0.0;   // 0: the sample's own length
     std::string m_strSize;        // empty: the sample's own size
+    bool m_blOverwrite = false;
+    bool m_blJson = false;
 };
 
 int CodecFromName(const std::string& name) {
@@ -70,20 +75,52 @@ void RunSample(const SampleOptions& options, bool outGiven, int& exitCode) {
     std::string path = options.m_strOut;
     if (!outGiven && clipSpec.codec == VIDEO_CODEC_JPEG) path = kDefaultMjpegOut;
 
-    // The encoders' statistics would bury the one line this command prints.
-    av_log_set_level(AV_LOG_ERROR);
+    twcli::Out& out = twcli::Out::Get();
+    out.SetJson(options.m_blJson);
     std::string error;
-    if (!WriteClip(clipSpec, path, error)) {
+    if (!twcli::CheckOutputFile(path, options.m_blOverwrite, {}, error)) {
         std::fprintf(stderr, "twhost sample: %s\n", error.c_str());
-        exitCode = 1;
+        exitCode = twcli::kExitFailure;
         return;
     }
-    std::printf("twhost sample: wrote %s (%s, %dx%d, %s s, %d frames at %d fps); %s\n",
-                path.c_str(), options.m_strCodec.c_str(), clipSpec.width, clipSpec.height,
-                Seconds(clipSpec.durationSec).c_str(), ClipFrameCount(clipSpec), clipSpec.fps,
-                DescribeMotion(clipSpec).c_str());
-    std::fflush(stdout);
-    exitCode = 0;
+    // The encoders' statistics would bury the one line this command prints.
+    av_log_set_level(AV_LOG_ERROR);
+    if (!WriteClip(clipSpec, path, error)) {
+        std::fprintf(stderr, "twhost sample: %s\n", error.c_str());
+        exitCode = twcli::kExitFailure;
+        return;
+    }
+    if (out.Json()) {
+        Json::Value v = twcli::Out::Line("summary", clipSpec.durationSec);
+        Json::Value input(Json::objectValue);
+        input["source"] = "sample";
+        v["input"] = input;
+        Json::Value settings(Json::objectValue);
+        settings["codec"] = options.m_strCodec;
+        settings["width"] = clipSpec.width;
+        settings["height"] = clipSpec.height;
+        settings["duration"] = clipSpec.durationSec;
+        settings["fps"] = clipSpec.fps;
+        v["settings"] = settings;
+        v["endReason"] = "written";
+        v["output"] = path;
+        v["frames"] = ClipFrameCount(clipSpec);
+        Json::Value motion(Json::arrayValue);
+        for (const auto& span : clipSpec.motion) {
+            if (span.first >= clipSpec.durationSec || span.second <= 0.0) continue;
+            Json::Value item(Json::objectValue);
+            item["start"] = span.first < 0.0 ? 0.0 : span.first;
+            item["end"] = span.second > clipSpec.durationSec ? clipSpec.durationSec : span.second;
+            motion.append(item);
+        }
+        v["motion"] = motion;
+        out.Emit(v);
+    } else {
+        out.Textf("twhost sample: wrote %s (%s, %dx%d, %s s, %d frames at %d fps); %s", path.c_str(),
+                  options.m_strCodec.c_str(), clipSpec.width, clipSpec.height, Seconds(clipSpec.durationSec).c_str(),
+                  ClipFrameCount(clipSpec), clipSpec.fps, DescribeMotion(clipSpec).c_str());
+    }
+    exitCode = twcli::kExitOk;
 }
 
 }  // namespace
@@ -115,6 +152,8 @@ void RegisterSampleCommand(CLI::App& app, int& exitCode) {
                 return "size '" + text + "' is not WxH with even sides from 16 to 4096";
             },
             "WxH");
+    sub->add_flag("-y,--overwrite", options->m_blOverwrite, "Replace OUT if it exists");
+    sub->add_flag("--json", options->m_blJson, "Print the result as a JSON \"summary\" line");
     sub->callback([options, out, &exitCode]() {
         tw::host::RunSample(*options, out->count() > 0, exitCode);
     });

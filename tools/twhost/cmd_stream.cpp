@@ -8,6 +8,9 @@
 #include <ctime>
 #include <limits>
 #include <memory>
+#include <vector>
+
+#include <json/json.h>
 #include <string>
 
 extern "C" {
@@ -30,6 +33,7 @@ struct StreamOptions {
     int m_StreamNo = 0;
     bool m_blLoop = false;
     double m_DurationSec = 0.0;   // 0: until the source ends or a signal
+    bool m_blJson = false;
 };
 
 // Publishes what the pump reads. Frames too large for the ring are counted, not published.
@@ -75,6 +79,8 @@ std::string KeyText(key_t key) {
 }
 
 int RunStream(const StreamOptions& options) {
+    twcli::Out& out = twcli::Out::Get();
+    out.SetJson(options.m_blJson);
     // Our own messages name the input and the failure; FFmpeg's would only repeat them.
     av_log_set_level(AV_LOG_FATAL);
 
@@ -111,12 +117,24 @@ int RunStream(const StreamOptions& options) {
     const int64_t durationUs = source.GetDurationUs();
     const std::string length =
         durationUs >= 0 ? Seconds(static_cast<double>(durationUs) / 1e6) + " s" : "live";
-    std::printf("twhost stream: publishing '%s' (%s %dx%d, %s) as camera %d stream %d, "
-                "shared-memory key %s\n",
-                options.m_strSource.c_str(), source.GetCodecName(), source.GetWidth(),
-                source.GetHeight(), length.c_str(), options.m_CamId, options.m_StreamNo,
-                KeyText(publisher.GetKey()).c_str());
-    std::fflush(stdout);
+    Json::Value input(Json::objectValue);
+    input["source"] = options.m_strSource;
+    input["codec"] = source.GetCodecName();
+    input["width"] = source.GetWidth();
+    input["height"] = source.GetHeight();
+    if (durationUs >= 0) input["duration"] = static_cast<double>(durationUs) / 1e6;
+    if (out.Json()) {
+        Json::Value v = twcli::Out::Line("publishing", 0.0);
+        v["input"] = input;
+        v["cameraId"] = options.m_CamId;
+        v["streamNo"] = options.m_StreamNo;
+        v["shmKey"] = KeyText(publisher.GetKey());
+        out.Emit(v);
+    } else {
+        out.Textf("twhost stream: publishing '%s' (%s %dx%d, %s) as camera %d stream %d, shared-memory key %s",
+                  options.m_strSource.c_str(), source.GetCodecName(), source.GetWidth(), source.GetHeight(),
+                  length.c_str(), options.m_CamId, options.m_StreamNo, KeyText(publisher.GetKey()).c_str());
+    }
 
     Clock& clock = GetClock();
     const int64_t startUs = clock.NowUs();
@@ -124,7 +142,12 @@ int RunStream(const StreamOptions& options) {
         options.m_DurationSec > 0.0 ? startUs + static_cast<int64_t>(options.m_DurationSec * 1e6)
                                     : -1;
     const char* why = "source ended";
+    int sig = 0;
     for (;;) {
+        if (out.Failed()) {
+            why = "standard output failed";
+            break;
+        }
         if (pump.Ended()) {
             why = pump.GetErrorCount() > 0 ? "source failed" : "source ended";
             break;
@@ -133,7 +156,7 @@ int RunStream(const StreamOptions& options) {
             why = "duration reached";
             break;
         }
-        if (const int sig = stopSignals.Wait(100)) {
+        if ((sig = stopSignals.Wait(100)) != 0) {
             why = StopSignals::Why(sig);
             break;
         }
@@ -147,19 +170,35 @@ int RunStream(const StreamOptions& options) {
         const uint64_t restarts = pump.GetLoopCount();
         loops = ", " + std::to_string(restarts) + (restarts == 1 ? " restart" : " restarts");
     }
-    std::printf("twhost stream: %s after %s s: %llu frames (%llu key frames, %llu corrupt, "
-                "%llu dropped)%s; live FIFO removed\n",
-                why, Seconds(elapsedSec).c_str(),
-                static_cast<unsigned long long>(pump.GetPacketCount()),
-                static_cast<unsigned long long>(pump.GetKeyFrameCount()),
-                static_cast<unsigned long long>(pump.GetCorruptCount()),
-                static_cast<unsigned long long>(sink.GetDropped()), loops.c_str());
-    std::fflush(stdout);
+    if (out.Json()) {
+        Json::Value v = twcli::Out::Line("summary", elapsedSec);
+        v["input"] = input;
+        Json::Value settings(Json::objectValue);
+        settings["cameraId"] = options.m_CamId;
+        settings["streamNo"] = options.m_StreamNo;
+        settings["loop"] = options.m_blLoop;
+        if (options.m_DurationSec > 0.0) settings["duration"] = options.m_DurationSec;
+        v["settings"] = settings;
+        v["endReason"] = why;
+        v["frames"] = static_cast<Json::UInt64>(pump.GetPacketCount());
+        v["keyFrames"] = static_cast<Json::UInt64>(pump.GetKeyFrameCount());
+        v["corrupt"] = static_cast<Json::UInt64>(pump.GetCorruptCount());
+        v["dropped"] = static_cast<Json::UInt64>(sink.GetDropped());
+        if (options.m_blLoop) v["restarts"] = static_cast<Json::UInt64>(pump.GetLoopCount());
+        out.Emit(v);
+    } else {
+        out.Textf("twhost stream: %s after %s s: %llu frames (%llu key frames, %llu corrupt, %llu dropped)%s; "
+                  "live FIFO removed",
+                  why, Seconds(elapsedSec).c_str(), static_cast<unsigned long long>(pump.GetPacketCount()),
+                  static_cast<unsigned long long>(pump.GetKeyFrameCount()),
+                  static_cast<unsigned long long>(pump.GetCorruptCount()),
+                  static_cast<unsigned long long>(sink.GetDropped()), loops.c_str());
+    }
     if (pump.GetErrorCount() > 0) {
         std::fprintf(stderr, "twhost stream: %s\n", pump.GetLastError().c_str());
-        return 1;
+        return twcli::kExitFailure;
     }
-    return 0;
+    return twcli::ExitForSignal(sig);
 }
 
 }  // namespace
@@ -182,5 +221,6 @@ void RegisterStreamCommand(CLI::App& app, int& exitCode) {
     sub->add_flag("--loop", options->m_blLoop, "Start a file again at its end, until stopped");
     sub->add_option("--duration", options->m_DurationSec, "Stop after this many seconds")
         ->check(twcli::Seconds(false));
+    sub->add_flag("--json", options->m_blJson, "JSON lines: a \"publishing\" line, then the \"summary\"");
     sub->callback([options, &exitCode]() { exitCode = tw::host::RunStream(*options); });
 }

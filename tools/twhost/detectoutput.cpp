@@ -1,44 +1,68 @@
 #include "detectoutput.h"
 
-#include <cstdio>
+#include "cliutil.h"
 
-DetectPrinter::DetectPrinter(bool json, int64_t epochUs, bool terminal)
-    : m_blJson(json), m_EpochUs(epochUs), m_blTerminal(terminal) {}
+using twcli::Out;
+
+DetectPrinter::DetectPrinter(int64_t epochUs, int64_t wallOffsetUs, bool live)
+    : m_EpochUs(epochUs), m_WallOffsetUs(wallOffsetUs), m_blLive(live) {}
 
 void DetectPrinter::Begin(const std::string& input, const std::string& codec, bool virtualTime,
                           const std::vector<std::pair<double, double>>& expectedMotion) {
-    if (m_blJson) return;
-    printf("Detecting motion in %s (%s), %s\n", input.c_str(), codec.c_str(),
-           virtualTime ? "virtual time" : "real time");
+    Out& out = Out::Get();
+    if (out.Json()) return;
+    out.Textf("Detecting motion in %s (%s), %s", input.c_str(), codec.c_str(),
+              virtualTime ? "virtual time" : "real time");
     if (!expectedMotion.empty()) {
-        printf("The built-in sample moves during");
-        for (size_t i = 0; i < expectedMotion.size(); ++i)
-            printf("%s %.1f-%.1f s", i ? "," : "", expectedMotion[i].first, expectedMotion[i].second);
-        printf("\n");
+        std::string text = "The built-in sample moves during";
+        char span[64];
+        for (size_t i = 0; i < expectedMotion.size(); ++i) {
+            snprintf(span, sizeof(span), "%s %.1f-%.1f s", i ? "," : "", expectedMotion[i].first,
+                     expectedMotion[i].second);
+            text += span;
+        }
+        out.Text(text);
     }
-    fflush(stdout);
+}
+
+void DetectPrinter::CutAt(int64_t endUs, bool inclusive) {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (endUs < m_CutUs || (endUs == m_CutUs && !inclusive)) {
+        m_CutUs = endUs;
+        m_blCutInclusive = inclusive;
+    }
 }
 
 void DetectPrinter::Event(const tw::host::EventRecord& record) {
     std::lock_guard<std::mutex> lock(m_Mutex);
+    if (record.timeUs > m_CutUs || (record.timeUs == m_CutUs && !m_blCutInclusive)) return;
     m_Events.push_back(record);
     if (record.value > m_MaxValue) m_MaxValue = record.value;
     const double t = Seconds(record.timeUs);
-    if (m_blJson) {
-        printf("{\"t\":%.3f,\"motion\":%s,\"value\":%d}\n", t, record.motion ? "true" : "false", record.value);
-        fflush(stdout);
+    Out& out = Out::Get();
+    if (out.Json()) {
+        Json::Value v = Out::Line("status", t);
+        v["motion"] = record.motion;
+        v["value"] = record.value;
+        if (m_blLive) v["wallTime"] = twcli::IsoUtc(record.timeUs + m_WallOffsetUs);
+        out.Emit(v);
         return;
     }
-    // On a terminal only the changes are worth a line.
+    // For people only the changes are worth a line.
     if (record.motion != m_blMotion) {
+        const std::string wall = m_blLive ? "  " + twcli::IsoUtc(record.timeUs + m_WallOffsetUs) : std::string();
         if (record.motion) {
-            printf("%8.2f s  motion      value %d\n", t, record.value);
+            out.Textf("%8.2f s  motion      value %d%s", t, record.value, wall.c_str());
         } else {
-            printf("%8.2f s  no motion\n", t);
+            out.Textf("%8.2f s  no motion%s", t, wall.c_str());
         }
-        fflush(stdout);
         m_blMotion = record.motion;
     }
+}
+
+size_t DetectPrinter::StatusCount() {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    return m_Events.size();
 }
 
 std::vector<std::pair<double, double>> DetectPrinter::Intervals(const std::vector<tw::host::EventRecord>& events,
@@ -60,26 +84,55 @@ std::vector<std::pair<double, double>> DetectPrinter::Intervals(const std::vecto
     return intervals;
 }
 
-void DetectPrinter::End(int64_t endUs, double wallSeconds, uint64_t frames) {
+void DetectPrinter::End(const Summary& s) {
     std::lock_guard<std::mutex> lock(m_Mutex);
-    const double endSec = Seconds(endUs);
+    const double endSec = Seconds(s.endUs);
     const std::vector<std::pair<double, double>> intervals = Intervals(m_Events, m_EpochUs, endSec);
-    const double speed = wallSeconds > 0 ? endSec / wallSeconds : 0;
-    if (m_blJson) {
-        printf("{\"summary\":true,\"intervals\":[");
-        for (size_t i = 0; i < intervals.size(); ++i)
-            printf("%s{\"start\":%.3f,\"end\":%.3f}", i ? "," : "", intervals[i].first, intervals[i].second);
-        printf("],\"statuses\":%zu,\"max_value\":%d,\"frames\":%llu,\"stream_seconds\":%.3f,"
-               "\"wall_seconds\":%.3f,\"speed\":%.2f}\n",
-               m_Events.size(), m_MaxValue, static_cast<unsigned long long>(frames), endSec, wallSeconds, speed);
-        fflush(stdout);
+    const double speed = s.wallSeconds > 0 ? endSec / s.wallSeconds : 0;
+    Out& out = Out::Get();
+    if (out.Json()) {
+        Json::Value v = Out::Line("summary", endSec);
+        v["input"] = s.input;
+        v["settings"] = s.settings;
+        v["endReason"] = s.endReason;
+        Json::Value list(Json::arrayValue);
+        for (const auto& span : intervals) {
+            Json::Value item(Json::objectValue);
+            item["start"] = span.first;
+            item["end"] = span.second;
+            list.append(item);
+        }
+        v["intervals"] = list;
+        v["statuses"] = static_cast<Json::UInt64>(m_Events.size());
+        v["maxValue"] = m_MaxValue;
+        if (s.framesKnown) v["frames"] = static_cast<Json::UInt64>(s.frames);
+        v["wallSeconds"] = s.wallSeconds;
+        if (s.file) {
+            v["speed"] = speed;
+            if (s.dataEndSec >= 0) v["dataEnd"] = s.dataEndSec;
+            if (s.announcedSec >= 0) v["announcedDuration"] = s.announcedSec;
+        }
+        if (m_blLive) {
+            v["watchStart"] = twcli::IsoUtc(s.watchStartWallUs);
+            if (s.connectSec >= 0) v["connectSeconds"] = s.connectSec;
+            if (s.probeSec >= 0) v["probeSeconds"] = s.probeSec;
+        }
+        out.Emit(v);
         return;
     }
-    printf("Motion in %zu interval%s", intervals.size(), intervals.size() == 1 ? "" : "s");
-    for (size_t i = 0; i < intervals.size(); ++i)
-        printf("%s %.2f-%.2f s", i ? "," : ":", intervals[i].first, intervals[i].second);
-    printf("\n%zu statuses, highest value %d, %.1f s of video in %.2f s (%.1fx)\n", m_Events.size(), m_MaxValue,
-           endSec, wallSeconds, speed);
-    (void)m_blTerminal;
-    fflush(stdout);
+    std::string text = "Motion in " + std::to_string(intervals.size()) + " interval" + (intervals.size() == 1 ? "" : "s");
+    char span[64];
+    for (size_t i = 0; i < intervals.size(); ++i) {
+        snprintf(span, sizeof(span), "%s %.2f-%.2f s", i ? "," : ":", intervals[i].first, intervals[i].second);
+        text += span;
+    }
+    out.Text(text);
+    if (s.file) {
+        out.Textf("%zu statuses, highest value %d, %.1f s of video in %.2f s (%.1fx); %s", m_Events.size(),
+                  m_MaxValue, endSec, s.wallSeconds, speed, s.endReason.c_str());
+    } else {
+        out.Textf("%zu statuses, highest value %d, watched %.1f s from %s (connecting %.2f s, probing %.2f s); %s",
+                  m_Events.size(), m_MaxValue, endSec, twcli::IsoUtc(s.watchStartWallUs).c_str(),
+                  s.connectSec > 0 ? s.connectSec : 0.0, s.probeSec > 0 ? s.probeSec : 0.0, s.endReason.c_str());
+    }
 }

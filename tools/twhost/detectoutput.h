@@ -1,23 +1,49 @@
-// Output of "twhost detect": JSON lines for scripts, or a readable account on a terminal.
+// Output of "twhost detect": JSON lines for scripts, or a readable account for people.
 #ifndef TWHOST_DETECTOUTPUT_H
 #define TWHOST_DETECTOUTPUT_H
 
 #include <cstdint>
+#include <limits>
 #include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <json/json.h>
+
 #include "twhost/eventlog.h"
 
 class DetectPrinter {
 public:
-    DetectPrinter(bool json, int64_t epochUs, bool terminal);
+    // epochUs: host-clock time of t = 0. wallOffsetUs: added to a host-clock time gives the
+    // wall clock, for live sources (wallTime on every line); 0 for none.
+    DetectPrinter(int64_t epochUs, int64_t wallOffsetUs, bool live);
     void Begin(const std::string& input, const std::string& codec, bool virtualTime,
                const std::vector<std::pair<double, double>>& expectedMotion);
-    // One SetStatus of the detector; called on the detector's thread.
+    // One SetStatus of the detector; called on the detector's thread. Statuses after the
+    // cut-off are not the input's and are left out.
     void Event(const tw::host::EventRecord& record);
-    void End(int64_t endUs, double wallSeconds, uint64_t frames);
+    // Statuses later than endUs (or at and after it, when inclusive is false) are left out.
+    void CutAt(int64_t endUs, bool inclusive);
+
+    struct Summary {
+        int64_t endUs = 0;            // host-clock time at which the judgement ends
+        Json::Value input;            // object
+        Json::Value settings;         // object
+        std::string endReason;
+        double wallSeconds = 0;
+        uint64_t frames = 0;
+        bool framesKnown = false;     // the packets were read by the host (not --shm)
+        bool file = false;            // speed and dataEnd apply
+        double dataEndSec = -1;       // files: time of the last packet
+        double announcedSec = -1;     // files: the container's duration
+        int64_t watchStartWallUs = 0; // live: wall time at which watching began
+        double connectSec = -1;
+        double probeSec = -1;
+    };
+    void End(const Summary& summary);
+
+    size_t StatusCount();
 
     // Motion intervals [start, end) in seconds from a status history; an interval still open
     // at the end closes at endSec.
@@ -26,11 +52,13 @@ public:
 
 private:
     double Seconds(int64_t us) const { return static_cast<double>(us - m_EpochUs) / 1e6; }
-    bool m_blJson;
     int64_t m_EpochUs;
-    bool m_blTerminal;
+    int64_t m_WallOffsetUs;
+    bool m_blLive;
     std::mutex m_Mutex;
     std::vector<tw::host::EventRecord> m_Events;
+    int64_t m_CutUs = std::numeric_limits<int64_t>::max();
+    bool m_blCutInclusive = true;
     bool m_blMotion = false;
     int m_MaxValue = 0;
 };

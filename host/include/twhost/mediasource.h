@@ -57,6 +57,10 @@ public:
     int64_t GetDurationUs() const;
     // Nominal frame interval from the stream's frame rate, 0 when unknown.
     int64_t GetFrameIntervalUs() const;
+    // Seconds the last Open spent connecting (opening the input) and probing its streams: a
+    // live source is watched only after both, which its users need to know.
+    double GetConnectSeconds() const;
+    double GetProbeSeconds() const;
 
     // The next video packet in decoding order: 1 delivered, 0 end of the source, -1 error
     // (GetLastError says what went wrong, naming the input).
@@ -137,6 +141,10 @@ public:
     uint64_t GetCorruptCount() const;    // pushed packets that the demuxer flagged
     uint64_t GetErrorCount() const;      // read errors (the pump ends at the first)
     uint64_t GetLoopCount() const;       // times a looping file started again
+    // Called once, on the thread that found it, when the source is exhausted (or failed),
+    // with the host-clock time of the last packet: in virtual time that is the reader's
+    // own thread, before it can wait again, so the clock can be held at the end of data.
+    void SetEndListener(std::function<void(int64_t endUs)> listener);
     std::string GetLastError() const;
 
     struct Impl;

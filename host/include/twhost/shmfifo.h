@@ -48,6 +48,19 @@ bool DeviceShmKey(ShmKeySpace space, int devId, key_t& key, std::string& error);
 // id, a stream number outside 0..7 or an unreadable TW_SHM_KEY_BASE.
 bool LiveStreamShmKey(int camId, int streamNo, key_t& key, std::string& error);
 
+// The stream's format as its publisher recorded it in the segment.
+struct LiveStreamFormat {
+    int codec = 0;   // VIDEO_CODEC_TYPE; VIDEO_CODEC_UNKNOWN until the publisher sets it
+    int width = 0;
+    int height = 0;
+    std::vector<unsigned char> extra;
+    bool publisherAlive = false;
+};
+
+// Reads the format of the live FIFO of (camId, streamNo). False with error when no stream
+// is published there.
+bool ReadLiveStreamFormat(int camId, int streamNo, LiveStreamFormat& format, std::string& error);
+
 class ShmStreamPublisher {
 public:
     ShmStreamPublisher(int camId, int streamNo, size_t dataBytes = kShmDefaultDataBytes,
