@@ -247,7 +247,7 @@ TEST_F(TwhostAudioFeed, InterruptEndsTheFeedAndRemovesTheFifo) {
     child.Signal(SIGINT);
     const ChildResult r = child.Wait();
     ASSERT_TRUE(r.exited) << r.Describe();
-    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.exitCode, 130) << r.err;
     EXPECT_TRUE(Contains(SplitLines(r.out).back(), "twhost audiofeed: interrupted after ")) << r.out;
     EXPECT_EQ(FifoPtr(AudioOutFifoAt(23)), nullptr);
 }
