@@ -2,11 +2,15 @@
 // a WAV file played to a device lands byte for byte in the device's WAV-file sink.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/childprocess.h"
@@ -264,6 +268,49 @@ TEST(AudioOutCli, SinkFileIsNeverTheInputAndIsReplacedOnlyWithOverwrite) {
     EXPECT_EQ(r.exitCode, 0) << r.err;
     tw::host::WavInfo info;
     EXPECT_EQ(WavData(out, info), data);
+    std::remove(in.c_str());
+    std::remove(out.c_str());
+}
+
+TEST(AudioOutCli, SigintStopsTheOutputPrintsTheSummaryAndExits130) {
+    const std::string in = TempPath("long.wav");
+    const std::string out = TempPath("long_out.wav");
+    WriteMonoWav(in, 8000, 8000 * 30);
+    tw::test::ChildProcess child;
+    std::string error;
+    ASSERT_TRUE(child.Start({TW_TWHOST_BIN, "audioout", "--device-id", "84", "--file", in, "--json", "--sink",
+                             "file:" + out},
+                            error))
+        << error;
+    // Audio has reached the sink once a progress line reports bytes.
+    for (int i = 0; i < 5000 && !Contains(child.PeekOut(), "\"bytes\":8000"); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    ASSERT_TRUE(Contains(child.PeekOut(), "\"bytes\":8000")) << child.PeekOut();
+    child.Signal(SIGINT);
+    const ChildResult r = child.Wait();
+    ASSERT_TRUE(r.exited) << r.Describe();
+    EXPECT_EQ(r.exitCode, 130) << r.err;
+    const Json::Value summary = Summary(r.out);
+    EXPECT_EQ(summary["endReason"].asString(), "interrupted");
+    // What the summary counts is what the sink file holds.
+    tw::host::WavInfo info;
+    EXPECT_EQ(static_cast<int64_t>(WavData(out, info).size()), summary["bytes"].asInt64());
+    EXPECT_LT(summary["bytes"].asInt64(), 16000 * 30);
+    std::remove(in.c_str());
+    std::remove(out.c_str());
+}
+
+TEST(AudioOutCli, WriteErrorOnStandardOutputIsOneMessageAndExitOne) {
+    const std::string in = TempPath("full.wav");
+    const std::string out = TempPath("full_out.wav");
+    WriteMonoWav(in, 8000, 800);
+    const ChildResult r = tw::test::RunChild({"/bin/sh", "-c",
+                                              std::string(TW_TWHOST_BIN) + " audioout --device-id 85 --file " + in +
+                                                  " --sink file:" + out + " > /dev/full"});
+    ASSERT_TRUE(r.exited) << r.Describe();
+    EXPECT_EQ(r.exitCode, 1) << r.err;
+    EXPECT_EQ(r.err, "twhost audioout: cannot write to standard output: No space left on device\n");
     std::remove(in.c_str());
     std::remove(out.c_str());
 }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -226,6 +227,33 @@ TEST(IOActionCli, FailedRequestNamesTheModulesErrorInItsLineAndOnceOnStderr) {
     EXPECT_TRUE(Contains(r.err, "Connection refused")) << r.err;
     EXPECT_EQ(Summary(lines)["failedRequests"].asInt(), 1);
     server.Stop();
+}
+
+// Counted plays of an audio pattern all go out before the run ends.
+TEST(IOActionCli, AudioPlaysRunTheirCourse) {
+    tw::test::ScopedTempDir dir;
+    ASSERT_TRUE(dir.Ok());
+    const std::string chime = dir.File("chime.wav");
+    std::ofstream(chime) << "RIFF";
+    const ChildResult r = tw::test::RunChild({TW_TWHOST_BIN, "ioaction", "--json", "--module-id", "18", "--pattern",
+                                              "1=" + chime + ":1", "{\"audio\":\"start\",\"pattern\":1,\"times\":3}"});
+    ASSERT_TRUE(r.exited) << r.Describe() << r.err;
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    const std::vector<Json::Value> lines = CheckedLines(r);
+    int plays = 0;
+    for (const Json::Value& v : tw::test::LinesOfType(lines, "request")) {
+        if (v["file"].asString() == chime && v["ok"].asBool()) ++plays;
+    }
+    EXPECT_EQ(plays, 3) << r.out;
+    // The executor itself reported the action over before the end.
+    const std::vector<Json::Value> statuses = tw::test::LinesOfType(lines, "status");
+    bool sawActive = false, idleAfter = false;
+    for (const Json::Value& v : statuses) {
+        if (v["audio"].asString() == "active") sawActive = true;
+        if (sawActive && v["audio"].asString() == "idle") idleAfter = true;
+    }
+    EXPECT_TRUE(idleAfter) << r.out;
+    EXPECT_EQ(Summary(lines)["endReason"].asString(), "completed");
 }
 
 }  // namespace

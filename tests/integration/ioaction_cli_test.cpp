@@ -1,6 +1,13 @@
 // twhost ioaction refuses bad input before anything runs, with one error naming it.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -71,12 +78,23 @@ INSTANTIATE_TEST_SUITE_P(
 
 // A module that cannot be reached is an error before any request goes out.
 TEST(IOActionCli, UnreachableModbusModuleFailsBeforeAnyRequest) {
-    const ChildResult r = IOAction({"--modbus", "127.0.0.1:1", "{\"do\":\"start\",\"ports\":[0],\"hold\":3}"});
+    // A bound socket that does not listen: connecting to its port is refused, and no other
+    // program can take the port while the test runs.
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0) << strerror(errno);
+    socklen_t len = sizeof(addr);
+    ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len), 0) << strerror(errno);
+    const std::string address = "127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
+    const ChildResult r = IOAction({"--modbus", address, "{\"do\":\"start\",\"ports\":[0],\"hold\":3}"});
+    close(fd);
     ASSERT_TRUE(r.exited) << r.Describe() << r.err;
     EXPECT_EQ(r.exitCode, 1) << r.err;
-    EXPECT_TRUE(Contains(r.err, "twhost ioaction: I/O module 1 cannot be reached: Modbus/TCP I/O module 127.0.0.1:1: "
-                                "cannot connect: Connection refused"))
-        << r.err;
+    EXPECT_EQ(r.err, "twhost ioaction: I/O module 1 cannot be reached: Modbus/TCP I/O module " + address +
+                         ": cannot connect: Connection refused\n");
     EXPECT_EQ(r.out, "");
 }
 
@@ -102,6 +120,24 @@ TEST(IOActionCli, AudioPatternNotInTheStoreIsRefusedAndTheRunFails) {
     EXPECT_EQ(summary[0]["refused"].asInt(), 1);
     EXPECT_EQ(summary[0]["requests"].asInt(), 0);
     EXPECT_EQ(summary[0]["settings"]["moduleId"].asInt(), 31);
+}
+
+TEST(IOActionCli, WriteErrorOnStandardOutputIsOneMessageAndExitOne) {
+    const ChildResult r = tw::test::RunChild(
+        {"/bin/sh", "-c", std::string(TW_TWHOST_BIN) + " ioaction --module-id 32 '{\"wait\":0.1}' > /dev/full"});
+    ASSERT_TRUE(r.exited) << r.Describe();
+    EXPECT_EQ(r.exitCode, 1) << r.err;
+    EXPECT_EQ(r.err, "twhost ioaction: cannot write to standard output: No space left on device\n");
+}
+
+// The reader goes away at once; the summary a second later finds the pipe closed.
+TEST(IOActionCli, ClosedPipeEndsQuietly) {
+    const ChildResult r = tw::test::RunChild(
+        {"/bin/bash", "-c",
+         "set -o pipefail; " + std::string(TW_TWHOST_BIN) + " ioaction --module-id 33 '{\"wait\":1}' | true"});
+    ASSERT_TRUE(r.exited) << r.Describe();
+    EXPECT_EQ(r.exitCode, 141) << r.err;
+    EXPECT_EQ(r.err, "");
 }
 
 }  // namespace

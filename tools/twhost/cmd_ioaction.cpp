@@ -550,7 +550,8 @@ void RegisterIOActionCommand(CLI::App& app, int& exitCode) {
         ->check(twcli::IntIn(0, 255))
         ->capture_default_str();
     sub->add_option("--pattern", opt->m_Patterns,
-                    "an audio pattern of the host's store: ID=PATH:SECONDS (repeatable)");
+                    "an audio pattern of the host's store: ID=PATH:SECONDS (repeatable)")
+        ->allow_extra_args(false);
     sub->add_option("--wait", opt->m_WaitSec,
                     "once every action has run its course (timed holds switched back, plays done), keep "
                     "running this many seconds more before terminating the executor")
