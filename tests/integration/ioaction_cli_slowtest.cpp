@@ -43,16 +43,20 @@ std::vector<Json::Value> CheckedLines(const ChildResult& r) {
 struct PortRequest {
     int port;
     bool state;
-    double t;
+    bool beforeTerminate;
     bool ok;
 };
 
-// The digital-output requests the executor made, in order.
+// The digital-output requests the executor made, in order; beforeTerminate: made before
+// twhost terminated the executor (by the actions themselves).
 std::vector<PortRequest> PortRequests(const std::vector<Json::Value>& lines) {
     std::vector<PortRequest> out;
-    for (const Json::Value& v : tw::test::LinesOfType(lines, "request")) {
+    bool terminated = false;
+    for (const Json::Value& v : lines) {
+        if (v["type"].asString() == "terminate") terminated = true;
+        if (v["type"].asString() != "request") continue;
         for (const Json::Value& p : v["ports"]) {
-            out.push_back(PortRequest{p["port"].asInt(), p["state"].asBool(), v["t"].asDouble(), v["ok"].asBool()});
+            out.push_back(PortRequest{p["port"].asInt(), p["state"].asBool(), !terminated, v["ok"].asBool()});
         }
     }
     return out;
@@ -79,8 +83,9 @@ void ExpectTimedHoldRanItsCourse(const ChildResult& r, const std::string& input)
     const std::vector<PortRequest> requests = PortRequests(lines);
     ASSERT_EQ(PortStates(requests), (std::vector<std::pair<int, bool>>{{0, true}, {2, true}, {0, false}, {2, false}}))
         << r.out;
-    EXPECT_GE(requests[2].t - requests[0].t, 3.0) << r.out;
-    EXPECT_GE(requests[3].t - requests[1].t, 3.0) << r.out;
+    // Switched back by the executor's own timing, before the run terminated it.
+    for (const PortRequest& p : requests) EXPECT_TRUE(p.beforeTerminate) << r.out;
+    EXPECT_EQ(tw::test::LinesOfType(lines, "terminate").size(), 1u);
     const Json::Value summary = Summary(lines);
     EXPECT_EQ(summary["endReason"].asString(), "completed");
     EXPECT_EQ(summary["input"].asString(), input);
@@ -111,9 +116,8 @@ TEST(IOActionCli, HeldOutputsRunUntilTheirStopRequest) {
     const std::vector<Json::Value> lines = CheckedLines(r);
     const std::vector<PortRequest> requests = PortRequests(lines);
     EXPECT_EQ(PortStates(requests), (std::vector<std::pair<int, bool>>{{0, true}, {2, true}, {0, false}, {2, false}}));
-    // Held through the wait: switched back only by the stop that follows it.
-    ASSERT_EQ(requests.size(), 4u);
-    EXPECT_GE(requests[2].t - requests[0].t, 1.5) << r.out;
+    // Switched back by the stop request, before the run terminated the executor.
+    for (const PortRequest& p : requests) EXPECT_TRUE(p.beforeTerminate) << r.out;
     const std::vector<Json::Value> statuses = tw::test::LinesOfType(lines, "status");
     ASSERT_FALSE(statuses.empty());
     EXPECT_EQ(statuses.front()["outputs"].size(), 3u);

@@ -333,8 +333,11 @@ int RunIOAction(const IOActionOptions& opt) {
     const uint64_t waitsBeforeInit = CondWaitsBegun();
     std::unique_ptr<IOActExecutorProxy> exec = module->NewIOActExecutor();
     exec->Init(opt.m_ModuleId, opt.m_Outputs, nullptr, status.GetIOModuleStatus());
-    if (!WaitForCondWaitsBegun(waitsBeforeInit + 1, 3000)) {
-        std::fprintf(stderr, "%s: warning: the executor's worker has not started waiting; requests may be late\n",
+    // Without a worker (the plug-in could not start its thread) nothing is ever carried
+    // out: the run then does not wait for actions to run their course.
+    const bool workerRuns = WaitForCondWaitsBegun(waitsBeforeInit + 1, 3000);
+    if (!workerRuns) {
+        std::fprintf(stderr, "%s: warning: the executor's worker has not started; requests are not carried out\n",
                      kCmd);
     }
 
@@ -362,6 +365,7 @@ int RunIOAction(const IOActionOptions& opt) {
         for (auto& p : portsUnderWay) {
             if (!Settled(p.second, outputs.count(p.first) ? outputs[p.first] : 0, waitsNow)) underWay = true;
         }
+        if (!workerRuns) underWay = false;
         if (endAtUs >= 0 && now >= endAtUs) break;
 
         if (endAtUs < 0 && now >= notBeforeUs) {
@@ -431,8 +435,16 @@ int RunIOAction(const IOActionOptions& opt) {
             break;
         }
     }
-    // Terminate puts active outputs back to normal; those requests are printed too. Its
-    // worker's last pass may still carry out a start that was pending.
+    // Terminate puts active outputs back to normal; those requests are printed too, after
+    // this line, so that what the actions did by themselves stays told apart. Its worker's
+    // last pass may still carry out a start that was pending.
+    if (out.Json()) {
+        Json::Value v = twcli::Out::Line("terminate", run.Seconds(clock.NowUs()));
+        v["endReason"] = why;
+        out.Emit(v);
+    } else {
+        out.Textf("%8.3f s  %s: terminating the executor", run.Seconds(clock.NowUs()), why);
+    }
     exec->Terminate();
     {
         std::map<int, int> act, outputs;
