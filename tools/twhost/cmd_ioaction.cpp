@@ -2,7 +2,9 @@
 // recorder's action rules drive it. The module is the host's emulator, or a real network
 // I/O module over Modbus/TCP. Requests come from the command line or as JSON lines on
 // standard input; the executor's statuses and every request it sends to the module are
-// printed as they happen.
+// printed as they happen. The run lasts until the actions it started have run their course
+// (or a stop signal), and the outputs are left in their normal state as the module itself
+// reports them.
 #include <signal.h>
 #include <unistd.h>
 
@@ -130,7 +132,7 @@ constexpr int kDOTriggerFlag = 0x400;
 // shares with the main loop is under m_Mutex.
 class IOActionRun {
 public:
-    IOActionRun(const IOActionOptions& opt, int64_t epochUs) : m_Opt(opt), m_EpochUs(epochUs) {}
+    explicit IOActionRun(int64_t epochUs) : m_EpochUs(epochUs) {}
 
     double Seconds(int64_t us) const { return static_cast<double>(us - m_EpochUs) / 1e6; }
 
@@ -231,7 +233,6 @@ private:
         return r.error.empty() ? "result " + std::to_string(r.result) : r.error;
     }
 
-    const IOActionOptions& m_Opt;
     const int64_t m_EpochUs;
     std::mutex m_Mutex;
     int m_Requests = 0;
@@ -321,7 +322,7 @@ int RunIOAction(const IOActionOptions& opt) {
     Clock& clock = GetClock();
     const int64_t epochUs = clock.NowUs();
     const bool fromStdin = argRequests.empty();
-    IOActionRun run(opt, epochUs);
+    IOActionRun run(epochUs);
     SetIORequestListener([&run](const IORequest& r) { run.OnRequest(r); });
     if (!out.Json()) {
         out.Text(std::string(kCmd) + ": I/O module " + std::to_string(opt.m_ModuleId) + ", " + backend->Describe() +
