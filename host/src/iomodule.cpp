@@ -73,6 +73,13 @@ int RunDaemonCommand(int moduleId, IOMODULED_CMD_TYPE type, const Json::Value& r
 
 }  // namespace
 
+bool IOModuleBackend::GetDigitalOutput(int idx, bool& /*state*/, std::string& error) {
+    error = Describe() + ": digital output " + std::to_string(idx) + " cannot be read back";
+    return false;
+}
+
+bool IOModuleBackend::CheckReachable(std::string& /*error*/) { return true; }
+
 void SetIOModuleBackend(int moduleId, std::shared_ptr<IOModuleBackend> backend) {
     std::lock_guard<std::mutex> lock(g_BackendMutex);
     if (backend) {
@@ -159,7 +166,7 @@ int IOModuledApi::SendCmd(int moduleId, IOMODULED_CMD_TYPE type, const Json::Val
     using namespace tw::host;
     // The request is journalled as it came in, before the answer may overwrite it.
     IORequest entry{GetClock().NowUs(), "iomoduled/" + std::to_string(static_cast<int>(type)), moduleId,
-                    CompactJson(request), 0};
+                    CompactJson(request), 0, std::string()};
     std::string error;
     const int result = RunDaemonCommand(moduleId, type, request, error);
     if (response) {
@@ -168,6 +175,7 @@ int IOModuledApi::SendCmd(int moduleId, IOMODULED_CMD_TYPE type, const Json::Val
         if (result != 0) (*response)["errorMsg"] = error;
     }
     entry.result = result;
+    if (result != 0) entry.error = error;
     RecordIORequest(std::move(entry));
     return result;
 }

@@ -63,6 +63,16 @@ std::string IOModuleEmulator::Describe() const {
            (m_DOCount == 1 ? "" : "s");
 }
 
+bool IOModuleEmulator::GetDigitalOutput(int idx, bool& state, std::string& error) {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (idx < 0 || idx >= m_DOCount) {
+        error = "digital output " + std::to_string(idx) + " out of range 0.." + std::to_string(m_DOCount - 1);
+        return false;
+    }
+    state = m_PortStates[static_cast<size_t>(idx)];
+    return true;
+}
+
 std::vector<IOModuleEmulator::PortEvent> IOModuleEmulator::PortHistory() const {
     std::lock_guard<std::mutex> lock(m_Mutex);
     return m_PortHistory;

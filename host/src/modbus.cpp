@@ -123,6 +123,39 @@ bool ModbusIOModule::SetDigitalOutput(int idx, bool state, std::string& error) {
     }
 }
 
+bool ModbusIOModule::GetDigitalOutput(int idx, bool& state, std::string& error) {
+    if (idx < 0 || idx > 0xFFFF) {
+        error = "Modbus/TCP I/O module " + Address() + ": digital output " + std::to_string(idx) +
+                " is no coil address (0..65535)";
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    for (int attempt = 0;; ++attempt) {
+        bool blFresh = false;
+        if (!m_pLink->blConnected) {
+            if (!ConnectLocked(error)) return false;
+            blFresh = true;
+        }
+        uint8_t bit = 0;
+        if (modbus_read_bits(m_pLink->pCtx, idx, 1, &bit) == 1) {
+            state = bit != 0;
+            return true;
+        }
+        const int err = errno;
+        if (!IsModbusException(err)) DisconnectLocked();
+        if (!blFresh && attempt == 0 && IsDroppedConnection(err)) continue;
+        error = "Modbus/TCP I/O module " + Address() + ": cannot read coil " + std::to_string(idx) + ": " +
+                modbus_strerror(err);
+        return false;
+    }
+}
+
+bool ModbusIOModule::CheckReachable(std::string& error) {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (m_pLink->blConnected) return true;
+    return ConnectLocked(error);
+}
+
 bool ModbusIOModule::StartFileAudioOut(const std::string& /*filePath*/, bool /*isManual*/, std::string& error) {
     error = "Modbus/TCP I/O module has no audio output (" + Address() + ")";
     return false;

@@ -1,11 +1,52 @@
 // DelayTimer, TimeCount and CondTimedWaitNoLock on the host clock.
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 
 #include "tw/time.h"
 #include "twhost/clock.h"
+#include "twhost/condwaits.h"
 
 using tw::host::GetClock;
+
+namespace {
+
+std::mutex g_WaitsMutex;
+std::condition_variable g_WaitsCond;
+uint64_t g_WaitsBegun = 0;
+
+// Called with the caller's mutex held, just before it is given up in the wait: whoever
+// sees the count go up can take that mutex only once the worker is really waiting.
+void NoteWaitBegun() {
+    {
+        std::lock_guard<std::mutex> lock(g_WaitsMutex);
+        ++g_WaitsBegun;
+    }
+    g_WaitsCond.notify_all();
+}
+
+}  // namespace
+
+namespace tw::host {
+
+uint64_t CondWaitsBegun() {
+    std::lock_guard<std::mutex> lock(g_WaitsMutex);
+    return g_WaitsBegun;
+}
+
+bool WaitForCondWaitsBegun(uint64_t n, int timeoutMs) {
+    std::unique_lock<std::mutex> lock(g_WaitsMutex);
+    const auto reached = [n] { return g_WaitsBegun >= n; };
+    if (timeoutMs < 0) {
+        g_WaitsCond.wait(lock, reached);
+        return true;
+    }
+    return g_WaitsCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), reached);
+}
+
+}  // namespace tw::host
 
 DelayTimer::DelayTimer(int delayUs) : m_DelayUs(delayUs), m_BeginUs(GetClock().NowUs()) {}
 
@@ -38,6 +79,7 @@ int CondTimedWaitNoLock(pthread_cond_t& cond, pthread_mutex_t& mutex, timespec& 
                         bool /*blRealTime*/) {
     std::shared_ptr<tw::host::Clock> clockPtr = tw::host::GetClockPtr();
     auto* manual = dynamic_cast<tw::host::ManualClock*>(clockPtr.get());
+    NoteWaitBegun();
     if (manual == nullptr) return pthread_cond_timedwait(&cond, &mutex, &abstime);
 
     // Callers compute the deadline from CLOCK_MONOTONIC. Under a manual clock the same

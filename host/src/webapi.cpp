@@ -214,10 +214,11 @@ int APIRunner::Exec(Json::Value& response, const char* api, int version, const c
     // The request is journalled as it came in, before the method sees it.
     IORequest entry{GetClock().NowUs(),
                     std::string(api ? api : "") + "/" + std::to_string(version) + "/" + (method ? method : ""),
-                    -1, CompactJson(request), 0};
+                    -1, CompactJson(request), 0, std::string()};
     if (request.isObject() && request["id"].isInt()) entry.moduleId = request["id"].asInt();
     const int result = RunWebApi(response, api, version, method, request, user);
     entry.result = result;
+    if (result != 0) entry.error = response["error"]["message"].asString();
     RecordIORequest(std::move(entry));
     return result;
 }

@@ -367,4 +367,34 @@ TEST_F(IOModuleHost, AudioPatternWithoutPathOrWithNegativeLengthIsRefused) {
     EXPECT_EQ(pattern.Load(4), -1);
 }
 
+TEST_F(IOModuleHost, JournalCarriesTheErrorOfAFailedRequest) {
+    auto emulator = AddEmulator(7, 2);
+    tw::host::TakeIORequests();
+    Json::Value response;
+    EXPECT_EQ(IOModuledApi::SendCmd(12, IOMODULED_CMD_FILE_AUDIO_OUT_START, AudioRequest(m_File.Path(), false),
+                                    &response),
+              tw::host::kIOModuledErrUnknownModule);
+    EXPECT_EQ(IOModuledApi::SendCmd(7, IOMODULED_CMD_FILE_AUDIO_OUT_START, AudioRequest(m_File.Path(), false),
+                                    &response),
+              0);
+    const std::vector<tw::host::IORequest> journal = tw::host::TakeIORequests();
+    ASSERT_EQ(journal.size(), 2u);
+    EXPECT_EQ(journal[0].error, "no I/O module 12");
+    EXPECT_EQ(journal[1].error, "");
+}
+
+TEST_F(IOModuleHost, EmulatorReportsItsOwnOutputStates) {
+    auto emulator = AddEmulator(7, 2);
+    std::string error;
+    ASSERT_TRUE(emulator->SetDigitalOutput(1, true, error)) << error;
+    bool state = false;
+    ASSERT_TRUE(emulator->GetDigitalOutput(1, state, error)) << error;
+    EXPECT_TRUE(state);
+    ASSERT_TRUE(emulator->GetDigitalOutput(0, state, error)) << error;
+    EXPECT_FALSE(state);
+    EXPECT_FALSE(emulator->GetDigitalOutput(2, state, error));
+    EXPECT_EQ(error, "digital output 2 out of range 0..1");
+    EXPECT_TRUE(emulator->CheckReachable(error));
+}
+
 }  // namespace

@@ -11,6 +11,7 @@
 
 #include "tw/time.h"
 #include "twhost/clock.h"
+#include "twhost/condwaits.h"
 
 namespace {
 
@@ -177,6 +178,33 @@ TEST(MonotonicClock, SleepsUntilTheDeadline) {
     const int64_t start = clock.NowUs();
     clock.SleepUntilUs(start + 2000);
     EXPECT_GE(clock.NowUs(), start + 2000);
+}
+
+// The count of condition waits begun rises while the waiter still holds its mutex: a host
+// that saw it rise and then takes the mutex to signal reaches the waiter, on the real clock.
+TEST(CondWaitCount, SignalSentAfterTheCountRoseReachesTheWaiter) {
+    MonotonicCond mc;
+    std::atomic<int> result{-1};
+    const uint64_t before = tw::host::CondWaitsBegun();
+    std::thread waiter([&] {
+        pthread_mutex_lock(&mc.mutex);
+        // Far beyond any test's time limit: only the signal ends this wait.
+        timespec deadline = RealDeadlineIn(3600LL * 1000000);
+        result = CondTimedWaitNoLock(mc.cond, mc.mutex, deadline, false);
+        pthread_mutex_unlock(&mc.mutex);
+    });
+    ASSERT_TRUE(tw::host::WaitForCondWaitsBegun(before + 1, -1));
+    pthread_mutex_lock(&mc.mutex);
+    pthread_cond_signal(&mc.cond);
+    pthread_mutex_unlock(&mc.mutex);
+    waiter.join();
+    EXPECT_EQ(result.load(), 0);
+    EXPECT_GE(tw::host::CondWaitsBegun(), before + 1);
+}
+
+TEST(CondWaitCount, WaitingForACountNotReachedTimesOut) {
+    EXPECT_FALSE(tw::host::WaitForCondWaitsBegun(tw::host::CondWaitsBegun() + 1000, 1));
+    EXPECT_TRUE(tw::host::WaitForCondWaitsBegun(tw::host::CondWaitsBegun(), 0));
 }
 
 }  // namespace

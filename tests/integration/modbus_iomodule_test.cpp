@@ -202,4 +202,40 @@ TEST(ModbusAddress, BadAddressesAreRefusedNamingThem) {
     }
 }
 
+TEST_F(ModbusModule, CoilsAreReadBackFromTheUnit) {
+    LoopbackModbusServer server;
+    ASSERT_EQ(server.Error(), "");
+    server.Start();
+    ModbusIOModule module("127.0.0.1", server.Port());
+    std::string error;
+    ASSERT_TRUE(module.CheckReachable(error)) << error;
+    ASSERT_TRUE(module.SetDigitalOutput(5, true, error)) << error;
+    bool state = false;
+    ASSERT_TRUE(module.GetDigitalOutput(5, state, error)) << error;
+    EXPECT_TRUE(state);
+    ASSERT_TRUE(module.GetDigitalOutput(4, state, error)) << error;
+    EXPECT_FALSE(state);
+    EXPECT_FALSE(module.GetDigitalOutput(-1, state, error));
+    EXPECT_NE(error.find("is no coil address"), std::string::npos) << error;
+    // The connection opened by CheckReachable served every request.
+    EXPECT_EQ(server.Connections(), 1);
+}
+
+TEST_F(ModbusModule, UnreachableUnitIsToldByCheckReachable) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0) << strerror(errno);
+    socklen_t len = sizeof(addr);
+    ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len), 0) << strerror(errno);
+    const int port = ntohs(addr.sin_port);
+    ModbusIOModule module("127.0.0.1", port);
+    std::string error;
+    EXPECT_FALSE(module.CheckReachable(error));
+    EXPECT_EQ(error, "Modbus/TCP I/O module 127.0.0.1:" + std::to_string(port) + ": cannot connect: Connection refused");
+    close(fd);
+}
+
 }  // namespace

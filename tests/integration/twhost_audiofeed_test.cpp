@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/childprocess.h"
+#include "support/jsonlines.h"
 #include "support/testenv.h"
 #include "tw/audio.h"
 #include "twhost/audiofifo.h"
@@ -247,9 +248,28 @@ TEST_F(TwhostAudioFeed, InterruptEndsTheFeedAndRemovesTheFifo) {
     child.Signal(SIGINT);
     const ChildResult r = child.Wait();
     ASSERT_TRUE(r.exited) << r.Describe();
-    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.exitCode, 130) << r.err;
     EXPECT_TRUE(Contains(SplitLines(r.out).back(), "twhost audiofeed: interrupted after ")) << r.out;
     EXPECT_EQ(FifoPtr(AudioOutFifoAt(23)), nullptr);
+}
+
+TEST_F(TwhostAudioFeed, JsonLinesFollowTheReadmeTable) {
+    const ChildResult r =
+        Twhost({"audiofeed", "-", "--device-id", "4", "--speaker", "--byte-rate", "8000", "--json"});
+    ASSERT_TRUE(r.exited) << r.Describe();
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    std::vector<Json::Value> lines;
+    std::string error;
+    ASSERT_TRUE(tw::test::ParseJsonLines(r.out, lines, error)) << error;
+    EXPECT_EQ(tw::test::CheckJsonLines("twhost audiofeed", lines), std::vector<std::string>()) << r.out;
+    ASSERT_EQ(lines.size(), 2u) << r.out;
+    EXPECT_EQ(lines[0]["type"].asString(), "start");
+    EXPECT_EQ(lines[0]["byteRate"].asInt(), 8000);
+    EXPECT_EQ(lines[1]["type"].asString(), "summary");
+    EXPECT_EQ(lines[1]["endReason"].asString(), "completed");
+    EXPECT_EQ(lines[1]["input"].asString(), "-");
+    EXPECT_EQ(lines[1]["settings"]["deviceId"].asInt(), 4);
+    EXPECT_EQ(lines[1]["bytes"].asUInt64(), 0u);
 }
 
 }  // namespace

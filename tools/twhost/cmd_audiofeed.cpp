@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include <json/json.h>
+
 #include "cliutil.h"
 #include "commands.h"
 #include "stopsignals.h"
@@ -32,6 +34,7 @@ struct AudioFeedOptions {
     int m_DevId = -1;
     bool m_blSpeaker = false;
     int m_ByteRate = 0;   // 0: from the WAV header
+    bool m_blJson = false;
 };
 
 std::string Seconds(double sec) {
@@ -158,6 +161,8 @@ int WaitFor(StopSignals& signals, SteadyClock::time_point when, bool waitInput) 
 }
 
 int RunAudioFeed(const AudioFeedOptions& options) {
+    twcli::Out& out = twcli::Out::Get();
+    out.SetJson(options.m_blJson);
     FeedSource source;
     const int openResult = source.Open(options);
     if (openResult != 0) return openResult;
@@ -174,10 +179,17 @@ int RunAudioFeed(const AudioFeedOptions& options) {
         return 1;
     }
     const int byteRate = source.GetByteRate();
-    std::printf("%s: feeding %s at %d bytes/s into the %s, shared-memory key %s\n", kCmd,
-                source.Describe().c_str(), byteRate, writer.Describe().c_str(),
-                KeyText(writer.GetKey()).c_str());
-    std::fflush(stdout);
+    if (out.Json()) {
+        Json::Value v = twcli::Out::Line("start", 0.0);
+        v["source"] = source.Describe();
+        v["byteRate"] = byteRate;
+        v["fifo"] = writer.Describe();
+        v["key"] = KeyText(writer.GetKey());
+        out.Emit(v);
+    } else {
+        out.Textf("%s: feeding %s at %d bytes/s into the %s, shared-memory key %s", kCmd, source.Describe().c_str(),
+                  byteRate, writer.Describe().c_str(), KeyText(writer.GetKey()).c_str());
+    }
 
     // Blocks of about 20 ms, whole sample frames, written when they are due in real time.
     size_t block = std::max<size_t>(1, static_cast<size_t>(byteRate) / 50);
@@ -187,22 +199,29 @@ int RunAudioFeed(const AudioFeedOptions& options) {
     uint64_t fed = 0;
     uint64_t reportedSec = 0;
     const char* why = "source ended";
+    const char* endReason = "completed";
     int status = 0;
+    int signal = 0;
     for (;;) {
+        if (out.Failed()) {
+            why = endReason = "standard output failed";
+            break;
+        }
         const auto due = start + std::chrono::microseconds(
                                      static_cast<int64_t>(fed * 1000000ull / static_cast<uint64_t>(byteRate)));
         int sig = WaitFor(signals, due, false);
         if (sig == 0 && source.IsStdin()) sig = WaitFor(signals, due, true);
         if (sig != 0) {
-            why = sig == SIGINT ? "interrupted" : "terminated";
+            why = endReason = StopSignals::Why(sig);
+            signal = sig;
             break;
         }
         const ssize_t got = source.Read(buf.data(), buf.size());
         if (got < 0) {
             std::fprintf(stderr, "%s: cannot read %s: %s\n", kCmd, source.Describe().c_str(),
                          std::strerror(errno));
-            why = "read failed";
-            status = 1;
+            why = endReason = "read failed";
+            status = twcli::kExitFailure;
             break;
         }
         if (got == 0) break;
@@ -212,11 +231,19 @@ int RunAudioFeed(const AudioFeedOptions& options) {
         const uint64_t sec = fed / static_cast<uint64_t>(byteRate) / 5 * 5;
         if (sec > reportedSec) {
             reportedSec = sec;
-            std::printf("%s: %llu s fed, %llu bytes (%llu dropped, %zu queued)\n", kCmd,
-                        static_cast<unsigned long long>(sec), static_cast<unsigned long long>(fed),
-                        static_cast<unsigned long long>(writer.GetDroppedBytes()),
-                        writer.GetQueuedBytes());
-            std::fflush(stdout);
+            if (out.Json()) {
+                Json::Value v = twcli::Out::Line(
+                    "progress", std::chrono::duration<double>(SteadyClock::now() - start).count());
+                v["seconds"] = static_cast<Json::UInt64>(sec);
+                v["bytes"] = static_cast<Json::UInt64>(fed);
+                v["dropped"] = static_cast<Json::UInt64>(writer.GetDroppedBytes());
+                v["queued"] = static_cast<Json::UInt64>(writer.GetQueuedBytes());
+                out.Emit(v);
+            } else {
+                out.Textf("%s: %llu s fed, %llu bytes (%llu dropped, %zu queued)", kCmd,
+                          static_cast<unsigned long long>(sec), static_cast<unsigned long long>(fed),
+                          static_cast<unsigned long long>(writer.GetDroppedBytes()), writer.GetQueuedBytes());
+            }
         }
     }
     const double elapsedSec =
@@ -224,11 +251,26 @@ int RunAudioFeed(const AudioFeedOptions& options) {
     const uint64_t dropped = writer.GetDroppedBytes();
     const size_t unread = writer.GetQueuedBytes();
     writer.Close();
-    std::printf("%s: %s after %s s: %llu bytes fed (%llu dropped, %zu unread); audio-out FIFO "
-                "removed\n",
-                kCmd, why, Seconds(elapsedSec).c_str(), static_cast<unsigned long long>(fed),
-                static_cast<unsigned long long>(dropped), unread);
-    std::fflush(stdout);
+    if (out.Json()) {
+        Json::Value v = twcli::Out::Line("summary", elapsedSec);
+        v["endReason"] = endReason;
+        v["input"] = options.m_strSource;
+        Json::Value settings(Json::objectValue);
+        settings["deviceId"] = options.m_DevId;
+        settings["speaker"] = options.m_blSpeaker;
+        settings["byteRate"] = byteRate;
+        v["settings"] = settings;
+        v["bytes"] = static_cast<Json::UInt64>(fed);
+        v["dropped"] = static_cast<Json::UInt64>(dropped);
+        v["unread"] = static_cast<Json::UInt64>(unread);
+        v["fifoRemoved"] = true;
+        out.Emit(v);
+    } else {
+        out.Textf("%s: %s after %s s: %llu bytes fed (%llu dropped, %zu unread); audio-out FIFO removed", kCmd, why,
+                  Seconds(elapsedSec).c_str(), static_cast<unsigned long long>(fed),
+                  static_cast<unsigned long long>(dropped), unread);
+    }
+    if (signal != 0) return twcli::ExitForSignal(signal);
     return status;
 }
 
@@ -252,5 +294,6 @@ void RegisterAudioFeedCommand(CLI::App& app, int& exitCode) {
     sub->add_option("--byte-rate", options->m_ByteRate,
                     "Bytes per second to feed (default: the WAV header's; required for raw input)")
         ->check(twcli::IntIn(1, 1 << 30));
+    sub->add_flag("--json", options->m_blJson, "print JSON lines instead of text");
     sub->callback([options, &exitCode]() { exitCode = tw::host::RunAudioFeed(*options); });
 }

@@ -14,6 +14,7 @@
 
 #include <json/json.h>
 
+#include "audioconvert.h"
 #include "cliutil.h"
 #include "commands.h"
 #include "stopsignals.h"
@@ -42,6 +43,8 @@ struct AudioOutOptions {
     std::string m_strFormat;
     double m_DurationSec = 0.0;
     bool m_blJson = false;
+    bool m_blAsIs = false;
+    bool m_blOverwrite = false;
     std::string m_strPlugin;
     int m_LogLevel = 3;
 };
@@ -72,9 +75,9 @@ public:
             m_blEnded = true;
             m_strProblem = "the device has no live audio FIFO (start 'twhost audiofeed' first)";
         } else if (record.message == dev + "Connect failed.\n") {
-            m_strProblem = "the device could not be connected";
+            m_strProblem = "the output gave up connecting to the device";
         } else if (record.message == "Failed to send audio data.\n") {
-            m_strProblem = "sending to the device failed";
+            m_strProblem = "the output gave up sending to the device";
         } else if (record.message.rfind("Open file [", 0) == 0) {
             m_strProblem = "the file could not be opened";
         } else if (record.message == dev + "No audio data in share memory.\n") {
@@ -134,7 +137,33 @@ bool ParseFormat(const std::string& text, CAM_CAP_AUDIO_OUT_FORMAT& format, std:
     return true;
 }
 
+// The path of a file: sink ("file:PATH#faults"), empty for other sinks.
+std::string SinkFilePath(const std::string& address) {
+    if (address.rfind("file:", 0) != 0) return std::string();
+    const size_t hash = address.find('#');
+    return address.substr(5, hash == std::string::npos ? std::string::npos : hash - 5);
+}
+
+// Removes the temporary file of the converted audio when the run ends, however it ends.
+struct TempFile {
+    std::string path;
+    ~TempFile() {
+        if (!path.empty()) std::remove(path.c_str());
+    }
+};
+
+Json::Value FormatJson(const CAM_CAP_AUDIO_OUT_FORMAT& format) {
+    Json::Value v(Json::objectValue);
+    v["codec"] = format.strCodec;
+    v["rate"] = format.sampleRate;
+    v["bits"] = format.bitsPerSample;
+    v["channels"] = format.channels;
+    return v;
+}
+
 int RunAudioOut(const AudioOutOptions& opt) {
+    twcli::Out& out = twcli::Out::Get();
+    out.SetJson(opt.m_blJson);
     DeviceKind kind = DeviceKind::Camera;
     int devType = DEV_TYPE_CAMERA;
     if (opt.m_strType == "speaker") {
@@ -145,11 +174,15 @@ int RunAudioOut(const AudioOutOptions& opt) {
         devType = DEV_TYPE_IOMODULE;
     } else if (opt.m_strType != "camera") {
         std::fprintf(stderr, "%s: bad --type '%s' (camera, speaker or iomodule)\n", kCmd, opt.m_strType.c_str());
-        return 2;
+        return twcli::kExitUsage;
     }
     if (opt.m_blLive == !opt.m_strFile.empty()) {
         std::fprintf(stderr, "%s: give exactly one of --file WAV and --live\n", kCmd);
-        return 2;
+        return twcli::kExitUsage;
+    }
+    if (opt.m_blAsIs && opt.m_blLive) {
+        std::fprintf(stderr, "%s: --as-is applies to --file only\n", kCmd);
+        return twcli::kExitUsage;
     }
 
     // The device's format: as given, or the file's own, or 8 kHz 16-bit mono for live audio.
@@ -158,14 +191,14 @@ int RunAudioOut(const AudioOutOptions& opt) {
     if (!opt.m_strFormat.empty()) {
         if (!ParseFormat(opt.m_strFormat, format, error)) {
             std::fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
-            return 2;
+            return twcli::kExitUsage;
         }
     }
     if (!opt.m_strFile.empty()) {
         WavInfo info;
         if (!ReadWavInfo(opt.m_strFile, info, error)) {
             std::fprintf(stderr, "%s: bad --file: %s\n", kCmd, error.c_str());
-            return 2;
+            return twcli::kExitUsage;
         }
         if (opt.m_strFormat.empty()) {
             const char* codec = info.formatTag == WAV_FORMAT_MULAW ? "G711U"
@@ -175,17 +208,43 @@ int RunAudioOut(const AudioOutOptions& opt) {
                                               static_cast<int>(info.bitsPerSample), static_cast<int>(info.channels)};
         }
     }
+    // A device format twhost cannot produce is refused before anything plays: the device
+    // would get bytes it reads as something else.
+    if (!opt.m_strFile.empty() && !opt.m_blAsIs && !CanConvertTo(format, error)) {
+        std::fprintf(stderr, "%s: bad --format %s:%d:%d:%d: %s\n", kCmd, format.strCodec.c_str(), format.sampleRate,
+                     format.bitsPerSample, format.channels, error.c_str());
+        return twcli::kExitUsage;
+    }
+    const std::string sinkPath = SinkFilePath(opt.m_strSink);
+    if (!sinkPath.empty() &&
+        !twcli::CheckOutputFile(sinkPath, opt.m_blOverwrite, {opt.m_strFile}, error)) {
+        std::fprintf(stderr, "%s: --sink: %s\n", kCmd, error.c_str());
+        return twcli::kExitFailure;
+    }
     std::shared_ptr<AudioSink> sink = MakeAudioSink(opt.m_strSink, format, error);
     if (!sink) {
         std::fprintf(stderr, "%s: bad --sink: %s\n", kCmd, error.c_str());
-        return 2;
+        return twcli::kExitUsage;
+    }
+
+    // What the plug-in reads: the user's audio in the device's format, or the file itself.
+    TempFile converted;
+    std::string playPath = opt.m_strFile;
+    if (!opt.m_strFile.empty() && !opt.m_blAsIs) {
+        std::vector<uint8_t> bytes;
+        if (!ConvertAudioFile(opt.m_strFile, format, bytes, error) ||
+            !WriteDeviceWav(bytes, format, converted.path, error)) {
+            std::fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
+            return twcli::kExitFailure;
+        }
+        playPath = converted.path;
     }
 
     std::unique_ptr<PluginModule> module =
         PluginModule::Load(opt.m_strPlugin.empty() ? PluginModule::DefaultPath() : opt.m_strPlugin, error);
     if (!module) {
         std::fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
-        return 1;
+        return twcli::kExitFailure;
     }
 
     AudioDeviceRecord record;
@@ -215,95 +274,141 @@ int RunAudioOut(const AudioOutOptions& opt) {
 
     Clock& clock = GetClock();
     const int64_t epochUs = clock.NowUs();
-    std::unique_ptr<AudioOutProxy> out = module->NewAudioOut(opt.m_DevId, devType);
-    int rc = 0;
-    const char* why = "ended";
-    // Seconds of audio at the device's own rate, which is how the output paces itself.
-    const double sentPerSecond = static_cast<double>(format.sampleRate) * format.bitsPerSample * format.channels / 8;
-    if (out->Init() != 0) {
+    std::unique_ptr<AudioOutProxy> output = module->NewAudioOut(opt.m_DevId, devType);
+    int rc = twcli::kExitOk;
+    int signal = 0;
+    const char* why = "completed";
+    std::string sinkError;
+    // Seconds of audio at the device's own byte rate, which is how the output paces itself.
+    const double bytesPerSecond =
+        static_cast<double>(format.sampleRate) * format.bitsPerSample * format.channels / 8;
+    const std::string input = opt.m_blLive ? std::string("live") : opt.m_strFile;
+    if (output->Init() != 0) {
         std::fprintf(stderr, "%s: the %s %d could not be set up for audio out\n", kCmd, opt.m_strType.c_str(),
                      opt.m_DevId);
-        rc = 1;
-    } else if ((opt.m_blLive ? out->Start(opt.m_blManual) : out->Start(opt.m_strFile, opt.m_blManual)) != 0) {
+        rc = twcli::kExitFailure;
+        why = "failed";
+    } else if ((opt.m_blLive ? output->Start(opt.m_blManual) : output->Start(playPath, opt.m_blManual)) != 0) {
         std::fprintf(stderr, "%s: the output did not start\n", kCmd);
-        rc = 1;
+        rc = twcli::kExitFailure;
+        why = "failed";
     } else {
-        if (!opt.m_blJson) {
-            std::printf("%s: %s to %s %d (%s %d Hz, %d bit, %d channel%s) into %s%s\n", kCmd,
-                        opt.m_blLive ? "live audio" : ("'" + opt.m_strFile + "'").c_str(), opt.m_strType.c_str(),
-                        opt.m_DevId, format.strCodec.c_str(), format.sampleRate, format.bitsPerSample,
-                        format.channels, format.channels == 1 ? "" : "s", sink->Describe().c_str(),
-                        opt.m_blManual ? ", manual" : "");
-            std::fflush(stdout);
+        if (!out.Json()) {
+            out.Textf("%s: %s to %s %d (%s %d Hz, %d bit, %d channel%s%s) into %s%s", kCmd,
+                      opt.m_blLive ? "live audio" : ("'" + opt.m_strFile + "'").c_str(), opt.m_strType.c_str(),
+                      opt.m_DevId, format.strCodec.c_str(), format.sampleRate, format.bitsPerSample, format.channels,
+                      format.channels == 1 ? "" : "s",
+                      opt.m_blLive ? "" : (opt.m_blAsIs ? ", the file's bytes as they are" : ", converted"),
+                      sink->Describe().c_str(), opt.m_blManual ? ", manual" : "");
         }
-        Json::StreamWriterBuilder writer;
-        writer["indentation"] = "";
-        writer["precision"] = 3;
-        writer["precisionType"] = "decimal";
         int64_t lastBytes = -1;
+        int lastFailedConnects = 0;
         const int64_t stopAtUs = opt.m_DurationSec > 0 ? epochUs + static_cast<int64_t>(opt.m_DurationSec * 1e6) : -1;
         for (;;) {
             const int64_t now = clock.NowUs();
-            const int64_t bytes = sink->GetCounters().bytes;
+            const AudioSinkCounters c = sink->GetCounters();
             const bool ended = logs->Ended();
-            if (bytes != lastBytes || ended) {
-                lastBytes = bytes;
+            if (c.bytes != lastBytes || ended) {
+                lastBytes = c.bytes;
                 const double t = static_cast<double>(now - epochUs) / 1e6;
-                const double sec = static_cast<double>(bytes) / sentPerSecond;
-                if (opt.m_blJson) {
-                    Json::Value v(Json::objectValue);
-                    v["t"] = t;
-                    v["bytes"] = static_cast<Json::Int64>(bytes);
+                const double sec = static_cast<double>(c.bytes) / bytesPerSecond;
+                if (out.Json()) {
+                    Json::Value v = twcli::Out::Line("progress", t);
+                    v["bytes"] = static_cast<Json::Int64>(c.bytes);
                     v["seconds"] = sec;
-                    std::printf("%s\n", Json::writeString(writer, v).c_str());
+                    out.Emit(v);
                 } else {
-                    std::printf("%8.3f s  sent %.2f s of audio (%lld bytes)\n", t, sec, static_cast<long long>(bytes));
+                    out.Textf("%8.3f s  sent %.2f s of audio (%lld bytes)", t, sec, static_cast<long long>(c.bytes));
                 }
-                std::fflush(stdout);
+            }
+            // A connection the sink refused is told at once, in the sink's own words. A
+            // file that cannot be written will not become writable by retrying: the run
+            // ends there.
+            const int failedConnects = c.connectAttempts - c.connects;
+            if (failedConnects > lastFailedConnects) {
+                lastFailedConnects = failedConnects;
+                const std::string text = sink->GetLastError();
+                if (text != sinkError) {
+                    sinkError = text;
+                    std::fprintf(stderr, "%s: %s\n", kCmd, text.c_str());
+                }
+                if (!sinkPath.empty() && c.connects == 0) {
+                    why = "sink failed";
+                    rc = twcli::kExitFailure;
+                    break;
+                }
             }
             if (ended) break;
-            if (stopAtUs >= 0 && now >= stopAtUs) {
-                why = "stopped after --duration";
+            if (out.Failed()) {
+                why = "standard output failed";
                 break;
             }
-            if (const int sig = stopSignals.Wait(100)) {
-                why = StopSignals::Why(sig);
+            if (stopAtUs >= 0 && now >= stopAtUs) {
+                why = "duration";
+                break;
+            }
+            if ((signal = stopSignals.Wait(100)) != 0) {
+                why = StopSignals::Why(signal);
                 break;
             }
         }
-        out->Stop();
-        if (!logs->Problem().empty()) {
-            std::fprintf(stderr, "%s: %s\n", kCmd, logs->Problem().c_str());
-            rc = 1;
+        output->Stop();
+        const AudioSinkCounters c = sink->GetCounters();
+        if (rc == twcli::kExitOk && !logs->Problem().empty()) {
+            // The plug-in gave up; why is the sink's to say when it was the sink.
+            const std::string text = sink->GetLastError();
+            std::fprintf(stderr, "%s: %s%s%s\n", kCmd, logs->Problem().c_str(), text.empty() ? "" : ": ",
+                         text.c_str());
+            if (!text.empty()) sinkError = text;
+            rc = twcli::kExitFailure;
+            why = "failed";
+        } else if (rc == twcli::kExitOk && c.connectAttempts > 0 && c.connects == 0) {
+            sinkError = sink->GetLastError();
+            rc = twcli::kExitFailure;
+            why = "sink failed";
         }
     }
-    out.reset();
+    output.reset();
     SetLogSink(nullptr);
 
     const AudioSinkCounters c = sink->GetCounters();
-    if (opt.m_blJson) {
-        Json::Value v(Json::objectValue);
-        v["summary"] = true;
-        v["end"] = why;
+    const double seconds = static_cast<double>(c.bytes) / bytesPerSecond;
+    const double elapsed = static_cast<double>(clock.NowUs() - epochUs) / 1e6;
+    if (out.Json()) {
+        Json::Value v = twcli::Out::Line("summary", elapsed);
+        v["endReason"] = why;
+        v["input"] = input;
+        Json::Value settings(Json::objectValue);
+        settings["deviceId"] = opt.m_DevId;
+        settings["type"] = opt.m_strType;
+        settings["format"] = FormatJson(format);
+        settings["sink"] = opt.m_strSink;
+        settings["asIs"] = opt.m_blAsIs;
+        settings["manual"] = opt.m_blManual;
+        settings["duration"] = opt.m_DurationSec;
+        settings["overwrite"] = opt.m_blOverwrite;
+        settings["logLevel"] = opt.m_LogLevel;
+        v["settings"] = settings;
         v["bytes"] = static_cast<Json::Int64>(c.bytes);
+        v["seconds"] = seconds;
         v["connects"] = c.connects;
         v["sendFailures"] = c.sendCalls - c.sends;
+        if (!sinkError.empty()) v["sinkError"] = sinkError;
+        if (!logs->Note().empty()) v["note"] = logs->Note();
         if (haveStatus && opt.m_blManual) v["manualTrigger"] = status.Get()->IsManualAOTrig();
-        Json::StreamWriterBuilder compact;
-        compact["indentation"] = "";
-        std::printf("%s\n", Json::writeString(compact, v).c_str());
+        out.Emit(v);
     } else {
-        std::printf("%s: %s; %lld bytes sent over %d connection%s, %d failed send%s%s%s\n", kCmd, why,
-                    static_cast<long long>(c.bytes), c.connects, c.connects == 1 ? "" : "s", c.sendCalls - c.sends,
-                    c.sendCalls - c.sends == 1 ? "" : "s", logs->Note().empty() ? "" : "; ",
-                    logs->Note().c_str());
+        out.Textf("%s: %s; %.2f s of audio, %lld bytes sent over %d connection%s, %d failed send%s%s%s", kCmd, why,
+                  seconds, static_cast<long long>(c.bytes), c.connects, c.connects == 1 ? "" : "s",
+                  c.sendCalls - c.sends, c.sendCalls - c.sends == 1 ? "" : "s", logs->Note().empty() ? "" : "; ",
+                  logs->Note().c_str());
         if (haveStatus && opt.m_blManual) {
-            std::printf("%s: manual audio-out trigger of the device: %s\n", kCmd,
-                        status.Get()->IsManualAOTrig() ? "still set" : "handed back");
+            out.Textf("%s: manual audio-out trigger of the device: %s", kCmd,
+                      status.Get()->IsManualAOTrig() ? "still set" : "handed back");
         }
     }
-    std::fflush(stdout);
     DeviceStore::Instance().Remove(kind, opt.m_DevId);
+    if (signal != 0) return twcli::ExitForSignal(signal);
     return rc;
 }
 
@@ -326,12 +431,18 @@ void RegisterAudioOutCommand(CLI::App& app, int& exitCode) {
                     "'#refuse-connect', '#fail-send-after=N,fail-sends=M' inject faults")
         ->required();
     sub->add_option("--format", opt->m_strFormat,
-                    "the device's audio-out format CODEC:RATE:BITS:CHANNELS (default: the file's own; "
-                    "PCM:8000:16:1 for live audio)");
+                    "the device's audio-out format CODEC:RATE:BITS:CHANNELS, CODEC PCM, G711U or G711A "
+                    "(default: the file's own; PCM:8000:16:1 for live audio). The file is converted to it "
+                    "(resampled, channels mixed, G.711-encoded) before it plays");
+    sub->add_flag("--as-is", opt->m_blAsIs,
+                  "play the file's bytes unchanged, as the plug-in reads them (no conversion; a one-channel "
+                  "device then gets every other byte)");
+    sub->add_flag("-y,--overwrite", opt->m_blOverwrite, "replace an existing file: sink");
     sub->add_option("--duration", opt->m_DurationSec, "stop after this many seconds")->check(twcli::Seconds(true));
     sub->add_flag("--json", opt->m_blJson, "print JSON lines instead of text");
     sub->add_option("--plugin", opt->m_strPlugin, "path of libtwdevplugin.so");
-    sub->add_option("--log-level", opt->m_LogLevel, "plug-in log level to print (1..7)")
+    sub->add_option("--log-level", opt->m_LogLevel,
+                    "plug-in messages up to this level are printed (1 critical .. 7 trace; 3: errors)")
         ->check(twcli::IntIn(0, 7))
         ->capture_default_str();
     sub->callback([opt, &exitCode] { exitCode = tw::host::RunAudioOut(*opt); });

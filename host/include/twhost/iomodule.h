@@ -33,6 +33,12 @@ public:
     virtual bool StartFileAudioOut(const std::string& filePath, bool isManual, std::string& error) = 0;
     // One line for people: what this module is ("emulator with 4 digital outputs").
     virtual std::string Describe() const = 0;
+    // Reads the state of digital output idx back from the module itself, so that a host
+    // can see what a request really left behind. The default: the module cannot tell.
+    virtual bool GetDigitalOutput(int idx, bool& state, std::string& error);
+    // Reaches the module once (a network module connects); false with error when it cannot
+    // be reached. The default: nothing to reach.
+    virtual bool CheckReachable(std::string& error);
 };
 
 // A module in this process: it keeps its port states and everything it was asked to do,
@@ -58,6 +64,7 @@ public:
     // daemon that cannot play it would.
     bool StartFileAudioOut(const std::string& filePath, bool isManual, std::string& error) override;
     std::string Describe() const override;
+    bool GetDigitalOutput(int idx, bool& state, std::string& error) override;
 
     int GetDOCount() const { return m_DOCount; }
     // Every digital-output request carried out, in order (a repeated state is recorded too).
@@ -95,6 +102,10 @@ public:
     bool SetDigitalOutput(int idx, bool state, std::string& error) override;
     bool StartFileAudioOut(const std::string& filePath, bool isManual, std::string& error) override;
     std::string Describe() const override;
+    // Reads coil idx of the unit.
+    bool GetDigitalOutput(int idx, bool& state, std::string& error) override;
+    // Opens the connection (kept for the requests that follow).
+    bool CheckReachable(std::string& error) override;
 
     // "host:port", as errors name the module.
     std::string Address() const;
@@ -126,6 +137,7 @@ struct IORequest {
     int moduleId;        // the daemon command's module, or the web request's integer "id"; -1 if none
     std::string json;    // the request, CompactJson
     int result;          // what Exec or SendCmd returned
+    std::string error;   // why it failed, as the method or the module said; empty on success
 };
 
 // Returns the journal and empties it. The journal keeps the newest kIORequestJournalMax
