@@ -22,7 +22,7 @@ void MonotonicClock::SleepUntilUs(int64_t deadlineUs) {
 }
 
 ManualClock::ManualClock(int64_t startUs, bool autoAdvance)
-    : m_NowUs(startUs), m_blAutoAdvance(autoAdvance) {}
+    : m_NowUs(startUs), m_blAutoAdvance(autoAdvance), m_blAutoAdvanceEverSet(autoAdvance) {}
 
 int64_t ManualClock::NowUs() {
     std::lock_guard<std::mutex> lock(m_Mutex);
@@ -30,38 +30,49 @@ int64_t ManualClock::NowUs() {
 }
 
 void ManualClock::SleepUntilUs(int64_t deadlineUs) {
-    std::unique_lock<std::mutex> lock(m_Mutex);
-    m_Waits.push_back(deadlineUs - m_NowUs);
-    ++m_WaitsBegun;
-    if (m_blAutoAdvance) {
-        int64_t target = deadlineUs;
-        if (m_AdvanceLimitUs >= 0 && target > m_AdvanceLimitUs) target = m_AdvanceLimitUs;
-        if (target > m_NowUs) m_NowUs = target;
-        m_Cond.notify_all();
-        return;
+    {
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        m_Waits.push_back(deadlineUs - m_NowUs);
+        ++m_WaitsBegun;
+        if (m_blAutoAdvance) {
+            int64_t target = deadlineUs;
+            if (m_AdvanceLimitUs >= 0 && target > m_AdvanceLimitUs) target = m_AdvanceLimitUs;
+            if (target > m_NowUs) m_NowUs = target;
+            m_Cond.notify_all();
+        } else {
+            ++m_Sleepers;
+            m_Cond.notify_all();
+            m_Cond.wait(lock, [&] { return m_NowUs >= deadlineUs || m_blAutoAdvance; });
+            if (m_blAutoAdvance && deadlineUs > m_NowUs) m_NowUs = deadlineUs;
+            --m_Sleepers;
+        }
     }
-    ++m_Sleepers;
-    m_Cond.notify_all();
-    m_Cond.wait(lock, [&] { return m_NowUs >= deadlineUs || m_blAutoAdvance; });
-    if (m_blAutoAdvance && deadlineUs > m_NowUs) m_NowUs = deadlineUs;
-    --m_Sleepers;
+    // Time this sleeper moved may be the end of a condition wait.
+    if (m_blAutoAdvanceEverSet) WakeExpiredCondWaiters();
 }
 
 void ManualClock::Advance(int64_t us) {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    m_NowUs += us;
-    m_Cond.notify_all();
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_NowUs += us;
+        m_Cond.notify_all();
+    }
+    WakeExpiredCondWaiters();
 }
 
 void ManualClock::SetNowUs(int64_t us) {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    m_NowUs = us;
-    m_Cond.notify_all();
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_NowUs = us;
+        m_Cond.notify_all();
+    }
+    WakeExpiredCondWaiters();
 }
 
 void ManualClock::SetAutoAdvance(bool on) {
     std::lock_guard<std::mutex> lock(m_Mutex);
     m_blAutoAdvance = on;
+    if (on) m_blAutoAdvanceEverSet = true;
     m_Cond.notify_all();
 }
 
@@ -93,18 +104,62 @@ void ManualClock::WaitForWaitsBegun(uint64_t n) {
     m_Cond.wait(lock, [&] { return m_WaitsBegun >= n; });
 }
 
-void ManualClock::NoteCondWaitBegin(int64_t relativeUs) {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    m_Waits.push_back(relativeUs);
-    ++m_WaitsBegun;
-    ++m_Sleepers;
-    m_Cond.notify_all();
-}
-
-void ManualClock::NoteCondWaitEnd() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
+int ManualClock::CondWait(pthread_cond_t& cond, pthread_mutex_t& mutex, int64_t relativeUs) {
+    CondWaiter waiter{&cond, &mutex, 0, false, false, 0};
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_Waits.push_back(relativeUs);
+        ++m_WaitsBegun;
+        waiter.deadlineUs = m_NowUs + relativeUs;
+        if (m_NowUs >= waiter.deadlineUs) {
+            m_Cond.notify_all();
+            return ETIMEDOUT;
+        }
+        ++m_Sleepers;
+        m_CondWaiters.push_back(&waiter);
+        m_Cond.notify_all();
+    }
+    // A notifier that finds this wait due takes the caller's mutex first, which it gets only
+    // once the wait below has given it up: the wake-up cannot fall before the wait.
+    const int rc = pthread_cond_wait(&cond, &mutex);
+    const int result = waiter.timedOut ? ETIMEDOUT : rc;
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    m_CondWaiters.remove(&waiter);
+    if (waiter.busy > 0) {
+        // A notifier is on its way to this waiter's mutex: let it through before the record
+        // (and maybe the caller's condition) goes away.
+        pthread_mutex_unlock(&mutex);
+        m_Cond.wait(lock, [&] { return waiter.busy == 0; });
+        lock.unlock();
+        pthread_mutex_lock(&mutex);
+        lock.lock();
+    }
     --m_Sleepers;
     m_Cond.notify_all();
+    return result;
+}
+
+void ManualClock::WakeExpiredCondWaiters() {
+    std::vector<CondWaiter*> due;
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        for (CondWaiter* waiter : m_CondWaiters) {
+            if (!waiter->notified && m_NowUs >= waiter->deadlineUs) {
+                waiter->notified = true;
+                ++waiter->busy;
+                due.push_back(waiter);
+            }
+        }
+    }
+    for (CondWaiter* waiter : due) {
+        pthread_mutex_lock(waiter->mutex);
+        waiter->timedOut = true;
+        pthread_cond_broadcast(waiter->cond);
+        pthread_mutex_unlock(waiter->mutex);
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        --waiter->busy;
+        m_Cond.notify_all();
+    }
 }
 
 namespace {

@@ -84,32 +84,11 @@ int CondTimedWaitNoLock(pthread_cond_t& cond, pthread_mutex_t& mutex, timespec& 
 
     // Callers compute the deadline from CLOCK_MONOTONIC. Under a manual clock the same
     // distance is waited on the manual time line instead: the wait ends when the test (or
-    // the offline reader) has moved the manual time that far, or on a signal. The real
-    // waiting is done in short slices, so a signal is never missed and no real deadline
-    // is ever reached by accident.
+    // the offline reader) has moved the manual time that far, or on a signal.
     timespec realNow{};
     clock_gettime(CLOCK_MONOTONIC, &realNow);
     long long relativeUs = (static_cast<long long>(abstime.tv_sec) - realNow.tv_sec) * 1000000LL +
                            (static_cast<long long>(abstime.tv_nsec) - realNow.tv_nsec) / 1000;
     if (relativeUs < 0) relativeUs = 0;
-    const long long deadlineUs = manual->NowUs() + relativeUs;
-    manual->NoteCondWaitBegin(relativeUs);
-    int rc = ETIMEDOUT;
-    for (;;) {
-        if (manual->NowUs() >= deadlineUs) break;
-        timespec slice{};
-        clock_gettime(CLOCK_MONOTONIC, &slice);
-        slice.tv_nsec += 2 * 1000 * 1000;
-        if (slice.tv_nsec >= 1000000000) {
-            slice.tv_sec += 1;
-            slice.tv_nsec -= 1000000000;
-        }
-        const int sliceRc = pthread_cond_timedwait(&cond, &mutex, &slice);
-        if (sliceRc != ETIMEDOUT) {
-            rc = sliceRc;
-            break;
-        }
-    }
-    manual->NoteCondWaitEnd();
-    return rc;
+    return manual->CondWait(cond, mutex, relativeUs);
 }

@@ -275,31 +275,10 @@ TEST(TwhostOutput, FullDiskOnStandardOutputIsOneMessageAndExit1) {
 TEST(TwhostOutput, ReaderThatWentAwayEndsTheRunQuietlyWith141) {
     // Standard output is a pipe whose reading end is closed before twhost starts: its first
     // write fails, whatever the timing.
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    char errPath[] = "/tmp/twhost-pipe-err-XXXXXX";
-    const int errFd = mkstemp(errPath);
-    ASSERT_GE(errFd, 0);
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        close(fds[0]);
-        dup2(fds[1], STDOUT_FILENO);
-        dup2(errFd, STDERR_FILENO);
-        execl(TW_TWHOST_BIN, TW_TWHOST_BIN, "detect", "--json", static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    close(fds[0]);
-    close(fds[1]);
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    std::ifstream errIn(errPath);
-    const std::string err((std::istreambuf_iterator<char>(errIn)), std::istreambuf_iterator<char>());
-    close(errFd);
-    unlink(errPath);
-    ASSERT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
-    EXPECT_EQ(WEXITSTATUS(status), 141);
-    EXPECT_EQ(err, "");
+    const ChildResult r = tw::test::RunChildWithClosedStdout({TW_TWHOST_BIN, "detect", "--json"});
+    ASSERT_TRUE(r.exited) << r.Describe() << r.error;
+    EXPECT_EQ(r.exitCode, 141);
+    EXPECT_EQ(r.err, "");
 }
 
 TEST(TwhostOutput, ProgressLineShowsOnATerminalAndIsClearedAtTheEnd) {

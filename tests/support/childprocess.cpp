@@ -199,3 +199,69 @@ ScopedTempDir::~ScopedTempDir() {
 }
 
 }  // namespace tw::test
+
+namespace tw::test {
+
+ChildResult RunChildWithClosedStdout(const std::vector<std::string>& args, int guardSec) {
+    ChildResult result;
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+        result.error = std::string("pipe: ") + strerror(errno);
+        return result;
+    }
+    char errPath[] = "/tmp/tw-child-err-XXXXXX";
+    const int errFd = mkstemp(errPath);
+    if (errFd < 0) {
+        close(fds[0]);
+        close(fds[1]);
+        result.error = std::string("mkstemp: ") + strerror(errno);
+        return result;
+    }
+    std::vector<char*> argv;
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, errFd, STDERR_FILENO);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    // No reader ever: the reading end is gone before the child runs a line of its own.
+    close(fds[0]);
+    pid_t pid = -1;
+    const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(fds[1]);
+    if (rc != 0) {
+        close(errFd);
+        unlink(errPath);
+        result.error = std::string("posix_spawn: ") + strerror(rc);
+        return result;
+    }
+    result.started = true;
+    const auto guard = std::chrono::steady_clock::now() + std::chrono::seconds(guardSec);
+    int status = 0;
+    for (;;) {
+        const pid_t w = waitpid(pid, &status, WNOHANG);
+        if (w == pid) break;
+        if (std::chrono::steady_clock::now() > guard) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            result.hung = true;
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    if (!result.hung && WIFEXITED(status)) {
+        result.exited = true;
+        result.exitCode = WEXITSTATUS(status);
+    } else if (!result.hung && WIFSIGNALED(status)) {
+        result.termSignal = WTERMSIG(status);
+    }
+    std::ifstream in(errPath);
+    result.err.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    close(errFd);
+    unlink(errPath);
+    return result;
+}
+
+}  // namespace tw::test

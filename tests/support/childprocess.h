@@ -59,6 +59,11 @@ private:
 // Starts, waits and collects in one call.
 ChildResult RunChild(const std::vector<std::string>& args, int guardSec = 120);
 
+// Runs args (args[0] a path) with standard output a pipe whose reading end is closed before
+// the child starts, so that its first write fails with EPIPE whatever the timing: a reader
+// that went away. out stays empty; err is what it wrote on stderr.
+ChildResult RunChildWithClosedStdout(const std::vector<std::string>& args, int guardSec = 120);
+
 // The lines of a text without their line ends; no empty last line for a final newline.
 std::vector<std::string> SplitLines(const std::string& text);
 

@@ -2,8 +2,12 @@
 // manual clock makes tests and offline analysis deterministic.
 #pragma once
 
+#include <pthread.h>
+
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -53,20 +57,39 @@ public:
     uint64_t WaitsBegun();
     void WaitForWaitsBegun(uint64_t n);
 
-    // A condition wait of relativeUs on this clock begins or ends (CondTimedWaitNoLock):
-    // it counts as a sleeper and its wait is recorded like a sleep's.
-    void NoteCondWaitBegin(int64_t relativeUs);
-    void NoteCondWaitEnd();
+    // A condition wait of relativeUs on this clock (CondTimedWaitNoLock), with the caller's
+    // mutex held: it ends on a signal of cond (0) or once this clock has been moved that
+    // far (ETIMEDOUT). It counts as a sleeper and its wait is recorded like a sleep's.
+    // The clock wakes the waiter itself, under its mutex, when time passes its deadline:
+    // a timed-out slice of a real wait could swallow a signal, and that wake-up would be
+    // lost for good.
+    int CondWait(pthread_cond_t& cond, pthread_mutex_t& mutex, int64_t relativeUs);
 
 private:
     std::mutex m_Mutex;
     std::condition_variable m_Cond;
     int64_t m_NowUs;
     bool m_blAutoAdvance;
+    // Only a sleeper of an auto-advancing clock moves time; the others leave it to the
+    // check after every Advance and SetNowUs.
+    std::atomic<bool> m_blAutoAdvanceEverSet;
     int64_t m_AdvanceLimitUs = -1;
     int m_Sleepers = 0;
     uint64_t m_WaitsBegun = 0;
     std::vector<int64_t> m_Waits;
+
+    struct CondWaiter {
+        pthread_cond_t* cond;
+        pthread_mutex_t* mutex;
+        int64_t deadlineUs;
+        bool timedOut;   // guarded by *mutex
+        bool notified;   // guarded by m_Mutex
+        int busy;        // notifiers at work on it, guarded by m_Mutex
+    };
+    std::list<CondWaiter*> m_CondWaiters;
+    // Wakes the condition waiters whose deadline the time has reached; called without
+    // m_Mutex after every move of the time.
+    void WakeExpiredCondWaiters();
 };
 
 // The process-wide clock. SetClock(nullptr) restores the monotonic clock.
