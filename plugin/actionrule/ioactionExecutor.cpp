@@ -458,12 +458,15 @@ void* IOActExecutor::ThreadFuncExcute(void* executor) {
 }
 
 int IOActExecutor::ExecuteMain() {
-    pthread_mutex_lock(&m_Mutex);
-    bool blRunning = m_blRunning;
-    pthread_mutex_unlock(&m_Mutex);
-    if (!blRunning) return 0;
-    while (blRunning) {
+    for (;;) {
         pthread_mutex_lock(&m_Mutex);
+        // Looked at under the same lock as the wait: a Terminate that comes after this
+        // check finds the worker in its wait (or about to run a pass), so its signal is
+        // never lost.
+        if (!m_blRunning) {
+            pthread_mutex_unlock(&m_Mutex);
+            return 0;
+        }
         if (!m_blSkipWait && !m_blWakeRequested) {
             timespec deadline{};
             clock_gettime(CLOCK_MONOTONIC, &deadline);
@@ -473,14 +476,11 @@ int IOActExecutor::ExecuteMain() {
         m_blSkipWait = false;
         m_blWakeRequested = false;
         pthread_mutex_unlock(&m_Mutex);
+        // The pass after a wait always runs, also when Terminate ended the wait.
         ExecAudioOut();
         ExecDO();
         UpdateActStatus();
-        pthread_mutex_lock(&m_Mutex);
-        blRunning = m_blRunning;
-        pthread_mutex_unlock(&m_Mutex);
     }
-    return 0;
 }
 
 int IOActExecutor::Terminate() {
