@@ -135,11 +135,29 @@ void AwaitReturn(std::future<void>& done, const char* what) {
     std::_Exit(1);
 }
 
+// Polls the executor's status until pred holds; a hang guard only.
+bool WaitUntil(const std::function<bool()>& pred) {
+    for (int i = 0; i < 60000; ++i) {
+        if (pred()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return pred();
+}
+
+// These tests run the worker on the real clock: nothing here waits for time, and a
+// worker on the manual clock can miss Terminate's signal in its sliced wait (the host's
+// wait then never ends), which these tests, with a thread blocked, would hit more often.
 class BlockedRequestTest : public ExecutorTest {
 protected:
     void SetUp() override {
         ExecutorTest::SetUp();
+        tw::host::SetClock(nullptr);
         tw::host::SetIOModuleBackend(kModuleId, m_Module);
+    }
+    IOActExecutor& StartOnRealClock(int doCount) {
+        m_pExec = std::make_unique<IOActExecutor>();
+        EXPECT_EQ(m_pExec->Init(kModuleId, doCount, nullptr, &m_Status), 0);
+        return *m_pExec;
     }
     void TearDown() override {
         m_Module->Release();   // whatever a failed check left blocked
@@ -149,10 +167,10 @@ protected:
 };
 
 TEST_F(BlockedRequestTest, StatusRequestsAndTerminateDoNotWaitForABlockedPortRequest) {
-    IOActExecutor& exec = Start(4);
+    IOActExecutor& exec = StartOnRealClock(4);
     // Port 1 is held active, so Terminate has a request of its own to send.
-    Act(0x400, {}, {{1, DOCond(false, -2, 0)}});
-    ASSERT_EQ(PortStatus(1), 1);
+    exec.DoAction(0x400, {}, {{1, DOCond(false, -2, 0)}}, false);
+    ASSERT_TRUE(WaitUntil([&] { return PortStatus(1) == 1; }));
     m_Module->BlockPort(0);
     exec.DoAction(0x400, {}, {{0, DOCond(false, -2, 0)}}, false);
     ASSERT_TRUE(m_Module->WaitUntilBlocked());
@@ -197,7 +215,7 @@ TEST_F(BlockedRequestTest, StatusRequestsAndTerminateDoNotWaitForABlockedPortReq
 }
 
 TEST_F(BlockedRequestTest, StatusAndRequestsDoNotWaitForABlockedPlayCommand) {
-    IOActExecutor& exec = Start(2);
+    IOActExecutor& exec = StartOnRealClock(2);
     m_Module->BlockPlay();
     exec.DoAction(0x200, {{9, AudioCond(false, kPatternId, 2, 1, 0)}}, {}, false);
     ASSERT_TRUE(m_Module->WaitUntilBlocked());
@@ -223,7 +241,7 @@ TEST_F(BlockedRequestTest, StatusAndRequestsDoNotWaitForABlockedPlayCommand) {
 }
 
 TEST_F(BlockedRequestTest, HostCodeRunByAPortRequestMayAskForTheStatus) {
-    IOActExecutor& exec = Start(2);
+    IOActExecutor& exec = StartOnRealClock(2);
     std::mutex seenMutex;
     std::vector<std::map<int, int>> seen;   // port statuses seen from inside the requests
     std::thread::id worker;
