@@ -63,7 +63,8 @@ IOActExecutor::IOActExecutor()
       m_pIOStatus(nullptr),
       m_Cond(),
       m_blInited(false),
-      m_blThreadCreated(false) {
+      m_blThreadCreated(false),
+      m_blWakeRequested(false) {
     pthread_mutex_init(&m_Mutex, nullptr);
     // A new executor reports the audio action as idle before anything else happens.
     m_ActStatus[IOACT_TYPE_AUDIO_OUT] = kStsIdle;
@@ -178,14 +179,60 @@ int IOActExecutor::DoAction(int actFlags, const std::map<int, IOActExecCond>& au
 void IOActExecutor::WakeWorker() {
     pthread_mutex_lock(&m_Mutex);
     // Before Init there is no condition and no worker to wake.
-    if (m_blInited) pthread_cond_signal(&m_Cond);
+    if (m_blInited) {
+        pthread_cond_signal(&m_Cond);
+        // A worker that is in a pass rather than in its wait would miss the signal: the
+        // pass after it then runs at once, as if the signal had ended the wait.
+        m_blWakeRequested = true;
+    }
     pthread_mutex_unlock(&m_Mutex);
+}
+
+// The passes keep the executor's mutex while they read and write the maps, so no map is
+// ever changed by two threads at once, and let go of it while they call into the host (the
+// web API, the I/O-module daemon, the module's status record, the log): those calls may
+// take seconds, and host code run by them may call GetStatus on this very thread.
+namespace {
+
+class MutexReleaser {
+public:
+    explicit MutexReleaser(pthread_mutex_t& mutex) : m_Mutex(mutex) { pthread_mutex_unlock(&m_Mutex); }
+    ~MutexReleaser() { pthread_mutex_lock(&m_Mutex); }
+    MutexReleaser(const MutexReleaser&) = delete;
+    MutexReleaser& operator=(const MutexReleaser&) = delete;
+
+private:
+    pthread_mutex_t& m_Mutex;
+};
+
+}  // namespace
+
+int IOActExecutor::SetDOPortStateUnlocked(int moduleId, bool triggerState, int portIndex) {
+    MutexReleaser released(m_Mutex);
+    return SetDOPortState(moduleId, triggerState, portIndex);
+}
+
+void IOActExecutor::PutBackAfterTerminate(int moduleId, int portIndex) {
+    // Terminate has already driven the active outputs to normal while this request was
+    // under way: the output it switched on goes back too, and nothing stays active.
+    if (m_blRunning) return;
+    SetDOPortStateUnlocked(moduleId, false, portIndex);
+    if (m_DOStatus[portIndex] == kStsActive) m_DOStatus[portIndex] = kStsIdle;
 }
 
 // ---------------------------------------------------------------------------------------
 // Digital outputs
 
 void IOActExecutor::ExecDO() {
+    pthread_mutex_lock(&m_Mutex);
+    ExecDOLocked();
+    pthread_mutex_unlock(&m_Mutex);
+}
+
+void IOActExecutor::ExecDOLocked() {
+    const int moduleId = m_ModuleId;
+    // Map iterators and references stay valid while other threads insert (nothing is ever
+    // erased), and every access below happens with the mutex held.
     for (auto it = m_DOCmd.begin(); it != m_DOCmd.end(); ++it) {
         const int port = it->first;
         int& checkCount = m_DOCheckCount[port];
@@ -196,37 +243,48 @@ void IOActExecutor::ExecDO() {
         if (cmd == kCmdStart) {
             checkCount = 1;
             m_blSkipWait = true;
-            const bool blFailed = SetDOPortState(m_ModuleId, trig, port) != 0;
+            const bool blFailed = SetDOPortStateUnlocked(moduleId, trig, port) != 0;
             timer.SetCountingTime(1);
             timer.BeginCountFromNow();
-            // A failed start is driven back to the normal state in the next pass.
-            it->second = blFailed ? kCmdStop : kCmdNone;
+            // A failed start is driven back to the normal state in the next pass. A request
+            // that came in while the port was being switched stands for the next pass.
+            if (it->second == cmd) it->second = blFailed ? kCmdStop : kCmdNone;
             m_DOStatus[port] = blFailed ? kStsStartFailed : kStsActive;
+            if (!blFailed) PutBackAfterTerminate(moduleId, port);
         } else if (cmd == kCmdStop) {
-            if (SetDOPortState(m_ModuleId, !trig, port) != 0) {
+            if (SetDOPortStateUnlocked(moduleId, !trig, port) != 0) {
+                MutexReleaser released(m_Mutex);
                 IOACT_LOG(4, 317, "ExecDO", "IOModule[%d] failed to stop digital out [%d].\n",
-                          m_ModuleId, port);
+                          moduleId, port);
             }
             // A manual take-over or a failed start stays visible to the host.
             if (m_DOStatus[port] == kStsActive) m_DOStatus[port] = kStsIdle;
             timer.SetCountingTime(1);
             timer.BeginCountFromNow();
-            it->second = kCmdNone;
+            if (it->second == cmd) it->second = kCmdNone;
         } else if (cmd == kCmdNone) {
             if (!timer.IsExceed()) continue;
             if (m_DOStatus[port] != kStsActive) continue;
             // A finished port ends the pass: the ports after it wait for the next one.
-            if (IsDOFinished(port)) return;
+            if (IsDOFinishedLocked(moduleId, port)) return;
             ++checkCount;
             timer.BeginCountFromNow();
         } else {
+            MutexReleaser released(m_Mutex);
             IOACT_LOG(3, 342, "ExecDO", "IOModule[%d]: Error command in digital output.\n",
-                      m_ModuleId);
+                      moduleId);
         }
     }
 }
 
 bool IOActExecutor::IsDOFinished(int portIndex) {
+    pthread_mutex_lock(&m_Mutex);
+    const bool blFinished = IsDOFinishedLocked(m_ModuleId, portIndex);
+    pthread_mutex_unlock(&m_Mutex);
+    return blFinished;
+}
+
+bool IOActExecutor::IsDOFinishedLocked(int moduleId, int portIndex) {
     const int count = m_DOCheckCount[portIndex];
     TimeCount& timer = m_DOTimer[portIndex];
     const int mode = m_DOHoldMode[portIndex];
@@ -250,9 +308,12 @@ bool IOActExecutor::IsDOFinished(int portIndex) {
             return false;
         }
         // Re-asserted in the trigger state true, whatever the request's flags chose.
-        if (SetDOPortState(m_ModuleId, true, portIndex) != 0) {
+        if (SetDOPortStateUnlocked(moduleId, true, portIndex) != 0) {
+            MutexReleaser released(m_Mutex);
             IOACT_LOG(4, 191, "IsDOFinished", "IOModule[%d] failed to do digital output.\n",
-                      m_ModuleId);
+                      moduleId);
+        } else {
+            PutBackAfterTerminate(moduleId, portIndex);
         }
         timer.SetCountingTime(kHoldRecheckCount);
         return false;
@@ -265,20 +326,32 @@ bool IOActExecutor::IsDOFinished(int portIndex) {
 // Audio out
 
 int IOActExecutor::DoAudioOut() {
+    pthread_mutex_lock(&m_Mutex);
+    const int moduleId = m_ModuleId;
+    const std::string path = m_strAudioFilePath;
+    pthread_mutex_unlock(&m_Mutex);
+    return SendAudioOut(moduleId, path);
+}
+
+int IOActExecutor::SendAudioOut(int moduleId, const std::string& path) {
     Json::Value request(Json::objectValue);
     request["isManual"] = false;
-    request["filePath"] = m_strAudioFilePath;
-    if (IOModuledApi::SendCmd(m_ModuleId, IOMODULED_CMD_FILE_AUDIO_OUT_START, request,
-                              nullptr) != 0) {
-        IOACT_LOG(3, 223, "DoAudioOut",
-                  "IOModule[%d]: Failed to send start file[%s] audio out cmd.\n", m_ModuleId,
-                  m_strAudioFilePath.c_str());
+    request["filePath"] = path;
+    if (IOModuledApi::SendCmd(moduleId, IOMODULED_CMD_FILE_AUDIO_OUT_START, request, nullptr) != 0) {
+        IOACT_LOG(3, 223, "DoAudioOut", "IOModule[%d]: Failed to send start file[%s] audio out cmd.\n",
+                  moduleId, path.c_str());
     }
     // A play that could not be sent counts as played: the action's timing goes on.
     return 0;
 }
 
 void IOActExecutor::ExecAudioOut() {
+    pthread_mutex_lock(&m_Mutex);
+    ExecAudioOutLocked();
+    pthread_mutex_unlock(&m_Mutex);
+}
+
+void IOActExecutor::ExecAudioOutLocked() {
     const int actType = IOACT_TYPE_AUDIO_OUT;
     int& playCount = m_AudioPlayCount[actType];
     TimeCount& timer = m_AudioTimer[actType];
@@ -306,9 +379,10 @@ void IOActExecutor::ExecAudioOut() {
 }
 
 void IOActExecutor::ExecTimsAct(int actType, int cmd, int& playCount, TimeCount& timer) {
+    const int moduleId = m_ModuleId;
     if (cmd != kCmdNone) {
-        IOACT_LOG(3, 278, "ExecTimsAct", "IOModule[%d]: Error snapshot command: %d.\n",
-                  m_ModuleId, cmd);
+        MutexReleaser released(m_Mutex);
+        IOACT_LOG(3, 278, "ExecTimsAct", "IOModule[%d]: Error snapshot command: %d.\n", moduleId, cmd);
         return;
     }
     if (!timer.IsExceed()) return;
@@ -322,13 +396,22 @@ void IOActExecutor::ExecTimsAct(int actType, int cmd, int& playCount, TimeCount&
         }
         ++playCount;
     }
-    if (DoAudioOut() == 0) {
+    const std::string path = m_strAudioFilePath;
+    int result;
+    {
+        MutexReleaser released(m_Mutex);
+        result = SendAudioOut(moduleId, path);
+    }
+    if (result == 0) {
         timer.SetCountingTime(static_cast<unsigned long long>(m_AudioPeriod[actType]));
         timer.BeginCountFromNow();
         return;
     }
-    IOACT_LOG(3, 268, "ExecTimsAct", "Faild to do action [%d] from iomodule[%d].\n", actType,
-              m_ModuleId);
+    {
+        MutexReleaser released(m_Mutex);
+        IOACT_LOG(3, 268, "ExecTimsAct", "Faild to do action [%d] from iomodule[%d].\n", actType,
+                  moduleId);
+    }
     m_AudioCmd[actType] = kCmdStop;
 }
 
@@ -336,21 +419,36 @@ void IOActExecutor::ExecTimsAct(int actType, int cmd, int& playCount, TimeCount&
 // Worker and termination
 
 void IOActExecutor::UpdateActStatus() {
-    if (m_pIOStatus == nullptr) return;
+    // The status record is the host's: it is read and written without the executor's
+    // mutex, and the maps are looked at with it.
+    pthread_mutex_lock(&m_Mutex);
+    IOModuleStatus* const status = m_pIOStatus;
+    pthread_mutex_unlock(&m_Mutex);
+    if (status == nullptr) return;
     const int actType = IOACT_TYPE_AUDIO_OUT;
     // The manual flag is only read: clearing it is the business of whoever plays.
-    if (m_pIOStatus->IsManualAOTrig() && m_ActStatus[actType] == kStsActive) {
-        m_ActStatus[actType] = kStsManual;
-        m_AudioCmd[actType] = kCmdStop;
+    if (status->IsManualAOTrig()) {
+        pthread_mutex_lock(&m_Mutex);
+        if (m_ActStatus[actType] == kStsActive) {
+            m_ActStatus[actType] = kStsManual;
+            m_AudioCmd[actType] = kCmdStop;
+        }
+        pthread_mutex_unlock(&m_Mutex);
     }
+    pthread_mutex_lock(&m_Mutex);
     const int portCount = static_cast<int>(m_DOStatus.size());
+    pthread_mutex_unlock(&m_Mutex);
     for (int i = 0; i < portCount; ++i) {
+        if (status->GetManualDOSts(i) != kManualDOPending) continue;
         // A manual command on a port without an active action stays pending for its owner.
-        if (m_pIOStatus->GetManualDOSts(i) == kManualDOPending && m_DOStatus[i] == kStsActive) {
-            m_pIOStatus->SetManualDOSts(i, 0);
+        pthread_mutex_lock(&m_Mutex);
+        const bool blTakeOver = m_DOStatus[i] == kStsActive;
+        if (blTakeOver) {
             m_DOStatus[i] = kStsManual;
             m_DOCmd[i] = kCmdStop;
         }
+        pthread_mutex_unlock(&m_Mutex);
+        if (blTakeOver) status->SetManualDOSts(i, 0);
     }
 }
 
@@ -360,33 +458,29 @@ void* IOActExecutor::ThreadFuncExcute(void* executor) {
 }
 
 int IOActExecutor::ExecuteMain() {
-    // The passes run under the mutex. The maps are ordered maps into which host calls
-    // insert; walking or inserting into one while another thread inserts is undefined, and
-    // a host call that waits for a pass also cannot slip its wake-up in between the pass
-    // and the next wait.
-    pthread_mutex_lock(&m_Mutex);
-    if (!m_blRunning) {
-        pthread_mutex_unlock(&m_Mutex);
-        return 0;
-    }
     for (;;) {
-        if (!m_blSkipWait) {
+        pthread_mutex_lock(&m_Mutex);
+        // Looked at under the same lock as the wait: a Terminate that comes after this
+        // check finds the worker in its wait (or about to run a pass), so its signal is
+        // never lost.
+        if (!m_blRunning) {
+            pthread_mutex_unlock(&m_Mutex);
+            return 0;
+        }
+        if (!m_blSkipWait && !m_blWakeRequested) {
             timespec deadline{};
             clock_gettime(CLOCK_MONOTONIC, &deadline);
             deadline.tv_sec += 1;
             CondTimedWaitNoLock(m_Cond, m_Mutex, deadline, false);
         }
         m_blSkipWait = false;
+        m_blWakeRequested = false;
+        pthread_mutex_unlock(&m_Mutex);
+        // The pass after a wait always runs, also when Terminate ended the wait.
         ExecAudioOut();
         ExecDO();
         UpdateActStatus();
-        if (!m_blRunning) break;
-        // Host calls get their turn between two passes.
-        pthread_mutex_unlock(&m_Mutex);
-        pthread_mutex_lock(&m_Mutex);
     }
-    pthread_mutex_unlock(&m_Mutex);
-    return 0;
 }
 
 int IOActExecutor::Terminate() {

@@ -211,6 +211,11 @@ int AudioOut::Start(const std::string& filePath, bool manual) {
         m_ThreadField.SetActivatedFlag(false);
         result = -1;
     } else {
+        // A manual output that ended by itself skipped the Stop above, so its thread was
+        // never joined; its id is about to be replaced and no one could join it later.
+        // Detached, it gives its stack back as soon as it has run out.
+        const std::optional<unsigned long> finished = m_ThreadField.GetThreadId();
+        if (finished) pthread_detach(static_cast<pthread_t>(*finished));
         m_ThreadField.SetThreadId(static_cast<unsigned long>(thread));
     }
     pthread_attr_destroy(&attr);

@@ -5,6 +5,7 @@
 #include <stdint.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -50,7 +51,8 @@ std::map<int, MemFuncBase*>* GetLiveCamDetectorFuncTable() {
 // Object and lifecycle
 
 LiveCamDetector::LiveCamDetector(Camera* camera, EventBuf* events)
-    : m_blRunning(false), m_Thread(0), m_pCamera(camera), m_pEventBuf(events), m_ParseOffset(0), m_BufferedLen(0) {
+    : m_blRunning(false), m_Thread(0), m_pCamera(camera), m_pEventBuf(events), m_ParseOffset(0), m_BufferedLen(0),
+      m_RefusedPeers(0) {
     pthread_mutex_init(&m_Mutex, nullptr);
 }
 
@@ -168,6 +170,12 @@ int LiveCamDetector::BuildEventSocketServer(const std::string& path, int& listen
         TWLOG(3, "Failed to bind ListenFd[%d] to SocketPath[%s]\n", listenFd, path.c_str());
         return -1;
     }
+    // The file is made with the host process's umask in a directory every user can reach:
+    // only its owner may connect, so that no other user of the machine can feed events.
+    if (chmod(path.c_str(), S_IRUSR | S_IWUSR) < 0) {
+        TWLOG(3, "Failed to restrict SocketPath[%s] to its owner: %s\n", path.c_str(), strerror(errno));
+        return -1;
+    }
     if (listen(listenFd, kBacklog) < 0) {
         TWLOG(3, "Failed to listen socket[%d].\n", listenFd);
         return -1;
@@ -178,25 +186,47 @@ int LiveCamDetector::BuildEventSocketServer(const std::string& path, int& listen
 int LiveCamDetector::AcceptSocketFromClient(int listenFd) {
     const time_t start = time(nullptr);
     for (;;) {
-        if (!TW_LIVECAM_RUNNING()) return -1;
-        if (GetAbsTimeDiffBySec(time(nullptr), start) > kTimeoutSec) return -1;
-        pollfd pfd;
-        pfd.fd = listenFd;
-        pfd.events = POLLIN;
-        pfd.revents = 0;
-        const int ready = poll(&pfd, 1, kPollMs);
-        if (ready < 0) {
-            TWLOG(3, "Failed to poll ListenFd[%d] for accepting ReadFd.\n", listenFd);
+        for (;;) {
+            if (!TW_LIVECAM_RUNNING()) return -1;
+            if (GetAbsTimeDiffBySec(time(nullptr), start) > kTimeoutSec) return -1;
+            pollfd pfd;
+            pfd.fd = listenFd;
+            pfd.events = POLLIN;
+            pfd.revents = 0;
+            const int ready = poll(&pfd, 1, kPollMs);
+            if (ready < 0) {
+                TWLOG(3, "Failed to poll ListenFd[%d] for accepting ReadFd.\n", listenFd);
+                return -1;
+            }
+            if (ready > 0 && (pfd.revents & POLLIN)) break;
+        }
+        const int readFd = accept(listenFd, nullptr, nullptr);
+        if (readFd < 0) {
+            TWLOG(3, "Failed to accept ReadFd from ListenFd[%d].\n", listenFd);
             return -1;
         }
-        if (ready > 0 && (pfd.revents & POLLIN)) break;
+        // The daemon runs as root or as the same user as the host process.
+        const int camId = m_pCamera != nullptr ? m_pCamera->id : -1;
+        ucred cred;
+        memset(&cred, 0, sizeof(cred));
+        socklen_t credLen = sizeof(cred);
+        if (getsockopt(readFd, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) < 0) {
+            TWLOG(3, "CamDet[%d]: Failed to get the credentials of ReadFd[%d]: %s\n", camId, readFd,
+                  strerror(errno));
+        } else if (cred.uid == 0 || cred.uid == geteuid()) {
+            return readFd;
+        } else {
+            __atomic_add_fetch(&m_RefusedPeers, 1, __ATOMIC_RELAXED);
+            TWLOG(4, "CamDet[%d]: Refused a connection from uid[%u].\n", camId,
+                  static_cast<unsigned>(cred.uid));
+        }
+        // Not a byte of a stranger's is read; the daemon may still connect in this window.
+        close(readFd);
     }
-    const int readFd = accept(listenFd, nullptr, nullptr);
-    if (readFd < 0) {
-        TWLOG(3, "Failed to accept ReadFd from ListenFd[%d].\n", listenFd);
-        return -1;
-    }
-    return readFd;
+}
+
+int LiveCamDetector::GetRefusedPeerCount() {
+    return __atomic_load_n(&m_RefusedPeers, __ATOMIC_RELAXED);
 }
 
 int LiveCamDetector::DoRecvSocketLoop(int readFd) {

@@ -38,6 +38,9 @@ public:
     bool ParseSocketStream();
     void ParseData(const std::string& type, const std::string& payload);
     void ParseMotionData(const std::string& payload);
+    // How many connections to the event socket were closed unread because the peer was
+    // neither root nor this process's user.
+    int GetRefusedPeerCount();
 
 private:
     friend struct LiveCamDetectorAccess;   // white-box checks of the receive buffer
@@ -50,4 +53,5 @@ private:
     char m_RecvBuf[TW_LIVECAM_RECV_BUF_SIZE];
     int m_ParseOffset;
     int m_BufferedLen;
+    int m_RefusedPeers;
 };

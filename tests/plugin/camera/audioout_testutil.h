@@ -6,11 +6,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <dirent.h>
+
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -98,6 +102,19 @@ inline std::vector<unsigned char> Ramp(size_t n, unsigned seed = 0) {
     return v;
 }
 
+// The kernel tasks (threads) of this process. A thread's task is gone once it has run
+// to its very end, whether or not it has been joined yet.
+inline std::set<long> ProcessTasks() {
+    std::set<long> tasks;
+    DIR* dir = opendir("/proc/self/task");
+    if (dir == nullptr) return tasks;
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] != '.') tasks.insert(std::strtol(entry->d_name, nullptr, 10));
+    }
+    closedir(dir);
+    return tasks;
+}
+
 inline std::string TempPath(const std::string& stem) {
     return "/tmp/tw_audioout_" + stem + "_" + std::to_string(getpid());
 }
@@ -107,6 +124,11 @@ protected:
     void SetUp() override {
         tw::host::SetClock(m_Clock);
         tw::host::DeviceStore::Instance().Clear();
+        // A thread runtime may start threads of its own with the first thread of the
+        // process (ThreadSanitizer does): one thread started and joined first makes them
+        // part of the base.
+        std::thread([] {}).join();
+        m_BaseTasks = ProcessTasks();
     }
     void TearDown() override {
         for (const std::string& p : m_Files) std::remove(p.c_str());
@@ -141,13 +163,23 @@ protected:
         return m_Files.back();
     }
 
-    // Waits until the output's thread has ended by itself.
-    static bool WaitForEnd(AudioOut& out) {
-        return WaitUntil([&] { return !AudioOutAccess::Field(out).GetActivatedFlag(); });
+    // Waits until the output's thread has ended by itself: not only until it cleared the
+    // activated flag (after which it still disconnects, hands the manual trigger back and
+    // logs its end), but until its task is gone, i.e. until every thread started since
+    // SetUp has run to its end.
+    bool WaitForEnd(AudioOut& out) {
+        return WaitUntil([&] {
+            if (AudioOutAccess::Field(out).GetActivatedFlag()) return false;
+            for (long task : ProcessTasks()) {
+                if (m_BaseTasks.count(task) == 0) return false;
+            }
+            return true;
+        });
     }
 
     std::shared_ptr<tw::host::ManualClock> m_Clock = std::make_shared<tw::host::ManualClock>(0, true);
     std::vector<std::string> m_Files;
+    std::set<long> m_BaseTasks;   // the threads of the process before the test's outputs
 };
 
 }  // namespace tw::test

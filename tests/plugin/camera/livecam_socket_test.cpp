@@ -7,6 +7,8 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
+#include <grp.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -515,6 +517,105 @@ TEST_F(LiveCamSocket, ParseOffsetLeftByABadHeaderDoesNotReachIntoTheNextConnecti
     EXPECT_LE(A::BufferedLen(rig.m_Det), 2047);
     EXPECT_GE(A::ParseOffset(rig.m_Det), 0);
     EXPECT_LE(A::ParseOffset(rig.m_Det), A::BufferedLen(rig.m_Det));
+}
+
+// ---------------------------------------------------------------------------------------
+// Who may connect
+
+TEST_F(LiveCamSocket, SocketFileIsReadableAndWritableByItsOwnerOnlyWhateverTheUmask) {
+    Rig rig(9230);
+    const mode_t saved = umask(0);   // the host process's umask would let everyone in
+    int listenFd = -1;
+    const int result = rig.m_Det.BuildEventSocketServer(rig.m_strPath, listenFd);
+    umask(saved);
+    ASSERT_EQ(result, 0);
+    struct stat st;
+    ASSERT_EQ(lstat(rig.m_strPath.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    EXPECT_EQ(st.st_uid, geteuid());
+    close(listenFd);
+}
+
+// Connects to path as uid/gid 65534 from a child process, sends a frame, and waits until
+// the detector closes the connection. The child's exit status: 0 when it was connected and
+// then closed by the detector, 2 when the user could not be changed, 3 when the connection
+// failed, 4 when the frame could not be sent, 5 when the detector wrote to it; -1 when the
+// child did not exit normally.
+int ConnectAsStranger(const std::string& path, const std::string& frame) {
+    sockaddr_un addr;
+    memset(&addr, 0, sizeof(addr));
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    const pid_t child = fork();
+    if (child == 0) {
+        // Only async-signal-safe calls here: the parent has threads.
+        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) _exit(3);
+        // The detector may have closed the connection already: that is no failure.
+        const ssize_t sent = send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
+        if (sent < 0 && (errno == EPIPE || errno == ECONNRESET)) _exit(0);
+        if (sent != static_cast<ssize_t>(frame.size())) _exit(4);
+        char buf[64];
+        for (;;) {
+            const ssize_t n = read(fd, buf, sizeof(buf));
+            if (n == 0 || (n < 0 && errno != EINTR)) _exit(0);
+            if (n > 0) _exit(5);
+        }
+    }
+    if (child < 0) return -1;
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(LiveCamSocket, StrangerIsClosedUnreadCountedAndLoggedAndTheDaemonIsStillServed) {
+    if (geteuid() != 0) GTEST_SKIP() << "connecting as another user needs root";
+    Rig rig(9231);
+    CycleThread cycle(rig.m_Det);
+    ASSERT_TRUE(m_Daemon.WaitFor("startStream", 1, 5000));
+    // The file mode keeps other users out; opened up here, as during the moment between
+    // bind and chmod, so that the credentials check is what stands in the way.
+    ASSERT_EQ(chmod(rig.m_strPath.c_str(), 0666), 0);
+    EXPECT_EQ(ConnectAsStranger(rig.m_strPath, Frame("motion", "IsTrig:1 Level:13")), 0);
+    EXPECT_EQ(rig.m_Det.GetRefusedPeerCount(), 1);
+    EXPECT_TRUE(Events(rig.m_Events).empty());
+
+    // The daemon connects afterwards within the same accept and is served.
+    StreamClient client;
+    ASSERT_TRUE(client.Connect(rig.m_strPath));
+    ASSERT_TRUE(client.Send(Frame("motion", "IsTrig:1 Level:57")));
+    ASSERT_TRUE(tw::host::WaitForEvents(rig.m_Events, 1, 5000));
+    client.Close();
+    cycle.Join();
+
+    EXPECT_EQ(cycle.Result(), 0);
+    EXPECT_EQ(Events(rig.m_Events), (std::vector<Event>{{true, 57}, {false, 0}}));
+    EXPECT_EQ(m_Daemon.Commands(), (std::vector<std::string>{"startStream", "stopStream"}));
+    EXPECT_EQ(rig.m_Det.GetRefusedPeerCount(), 1);
+    std::vector<LogRecord> r = m_Log->Find("CamDet[9231]: Refused a connection from uid[65534].\n");
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_TRUE(IsLiveCamRecord(r[0], "NOTICE", "AcceptSocketFromClient"));
+    // Only the daemon's bytes were read.
+    EXPECT_EQ(TracedReadBytes(m_Log), static_cast<int>(Frame("motion", "IsTrig:1 Level:57").size()));
+    ExpectCycleLeftNothingBehind(rig);
+}
+
+TEST_F(LiveCamSocket, PeersOfRootAndOfTheDetectorsOwnUserAreNotCounted) {
+    Rig rig(9232);
+    int listenFd = -1;
+    ASSERT_EQ(rig.m_Det.BuildEventSocketServer(rig.m_strPath, listenFd), 0);
+    StreamClient client;
+    ASSERT_TRUE(client.Connect(rig.m_strPath));
+    A::SetRunning(rig.m_Det, true);
+    const int readFd = rig.m_Det.AcceptSocketFromClient(listenFd);
+    EXPECT_GE(readFd, 0);
+    if (readFd >= 0) close(readFd);
+    close(listenFd);
+    EXPECT_EQ(rig.m_Det.GetRefusedPeerCount(), 0);
+    EXPECT_TRUE(FindMatching(*m_Log, "CamDet[#]: Refused*").empty());
 }
 
 }  // namespace
