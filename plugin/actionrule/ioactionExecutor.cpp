@@ -63,8 +63,7 @@ IOActExecutor::IOActExecutor()
       m_pIOStatus(nullptr),
       m_Cond(),
       m_blInited(false),
-      m_blThreadCreated(false),
-      m_blWakeRequested(false) {
+      m_blThreadCreated(false) {
     pthread_mutex_init(&m_Mutex, nullptr);
     // A new executor reports the audio action as idle before anything else happens.
     m_ActStatus[IOACT_TYPE_AUDIO_OUT] = kStsIdle;
@@ -179,12 +178,9 @@ int IOActExecutor::DoAction(int actFlags, const std::map<int, IOActExecCond>& au
 void IOActExecutor::WakeWorker() {
     pthread_mutex_lock(&m_Mutex);
     // Before Init there is no condition and no worker to wake.
-    if (m_blInited) {
-        pthread_cond_signal(&m_Cond);
-        // A worker that is in a pass rather than in its wait would miss the signal: the
-        // pass after it then runs at once, as if the signal had ended the wait.
-        m_blWakeRequested = true;
-    }
+    // A worker that is in a pass rather than in its wait misses the signal, as it always
+    // has: the request then waits for the next pass, at most a second.
+    if (m_blInited) pthread_cond_signal(&m_Cond);
     pthread_mutex_unlock(&m_Mutex);
 }
 
@@ -210,14 +206,6 @@ private:
 int IOActExecutor::SetDOPortStateUnlocked(int moduleId, bool triggerState, int portIndex) {
     MutexReleaser released(m_Mutex);
     return SetDOPortState(moduleId, triggerState, portIndex);
-}
-
-void IOActExecutor::PutBackAfterTerminate(int moduleId, int portIndex) {
-    // Terminate has already driven the active outputs to normal while this request was
-    // under way: the output it switched on goes back too, and nothing stays active.
-    if (m_blRunning) return;
-    SetDOPortStateUnlocked(moduleId, false, portIndex);
-    if (m_DOStatus[portIndex] == kStsActive) m_DOStatus[portIndex] = kStsIdle;
 }
 
 // ---------------------------------------------------------------------------------------
@@ -250,7 +238,6 @@ void IOActExecutor::ExecDOLocked() {
             // that came in while the port was being switched stands for the next pass.
             if (it->second == cmd) it->second = blFailed ? kCmdStop : kCmdNone;
             m_DOStatus[port] = blFailed ? kStsStartFailed : kStsActive;
-            if (!blFailed) PutBackAfterTerminate(moduleId, port);
         } else if (cmd == kCmdStop) {
             if (SetDOPortStateUnlocked(moduleId, !trig, port) != 0) {
                 MutexReleaser released(m_Mutex);
@@ -312,8 +299,6 @@ bool IOActExecutor::IsDOFinishedLocked(int moduleId, int portIndex) {
             MutexReleaser released(m_Mutex);
             IOACT_LOG(4, 191, "IsDOFinished", "IOModule[%d] failed to do digital output.\n",
                       moduleId);
-        } else {
-            PutBackAfterTerminate(moduleId, portIndex);
         }
         timer.SetCountingTime(kHoldRecheckCount);
         return false;
@@ -467,14 +452,13 @@ int IOActExecutor::ExecuteMain() {
             pthread_mutex_unlock(&m_Mutex);
             return 0;
         }
-        if (!m_blSkipWait && !m_blWakeRequested) {
+        if (!m_blSkipWait) {
             timespec deadline{};
             clock_gettime(CLOCK_MONOTONIC, &deadline);
             deadline.tv_sec += 1;
             CondTimedWaitNoLock(m_Cond, m_Mutex, deadline, false);
         }
         m_blSkipWait = false;
-        m_blWakeRequested = false;
         pthread_mutex_unlock(&m_Mutex);
         // The pass after a wait always runs, also when Terminate ended the wait.
         ExecAudioOut();

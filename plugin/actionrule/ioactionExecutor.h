@@ -71,9 +71,6 @@ private:
     void ExecTimsAct(int actType, int cmd, int& playCount, TimeCount& timer);
     // The port-setting request, sent with m_Mutex let go for its duration.
     int SetDOPortStateUnlocked(int moduleId, bool triggerState, int portIndex);
-    // After a port was switched on, with m_Mutex held: if Terminate ran meanwhile, the port
-    // is put back to normal and left idle.
-    void PutBackAfterTerminate(int moduleId, int portIndex);
     // One play command to the I/O-module daemon; called without m_Mutex.
     int SendAudioOut(int moduleId, const std::string& path);
 
@@ -104,7 +101,4 @@ private:
     // exists, so that Terminate and the destructor never join or destroy what is not there.
     bool m_blInited;
     bool m_blThreadCreated;
-    // Set by a wake-up signal, cleared when a pass begins: a signal sent while the worker
-    // was in a pass (not waiting) still makes the next pass run at once.
-    bool m_blWakeRequested;
 };
