@@ -51,7 +51,9 @@ install(FILES ${CMAKE_BINARY_DIR}/pkg/twhost.pc DESTINATION ${CMAKE_INSTALL_LIBD
 # left out (scripts/setup.sh installs it; the package test insists on the page).
 find_program(TW_HELP2MAN help2man)
 find_program(TW_GZIP gzip)
-if(TW_HELP2MAN AND TW_GZIP)
+if(TW_SANITIZE OR TW_TSAN OR TW_FUZZ)
+  # Instrumented builds are for tests, not for installing; their twhost need not run here.
+elseif(TW_HELP2MAN AND TW_GZIP)
   set(tw_man ${CMAKE_BINARY_DIR}/man/twhost.1)
   add_custom_command(OUTPUT ${tw_man}.gz
     COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/man
@@ -68,17 +70,34 @@ else()
   message(WARNING "help2man (or gzip) not found: the man page of twhost is not made")
 endif()
 
+# Debian wants a copyright file and a changelog with every package.
+set(TW_PACKAGE_CONTACT "twhost maintainers <twhost-maintainers@example.org>" CACHE STRING
+  "Maintainer of the .deb (name <address>)")
+string(TIMESTAMP TW_CHANGELOG_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/deb/changelog.in ${CMAKE_BINARY_DIR}/pkg/changelog @ONLY)
+add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/pkg/changelog.gz
+  COMMAND ${CMAKE_COMMAND} -E copy ${CMAKE_BINARY_DIR}/pkg/changelog ${CMAKE_BINARY_DIR}/pkg/changelog.tmp
+  COMMAND gzip -9nf ${CMAKE_BINARY_DIR}/pkg/changelog.tmp
+  COMMAND ${CMAKE_COMMAND} -E rename ${CMAKE_BINARY_DIR}/pkg/changelog.tmp.gz ${CMAKE_BINARY_DIR}/pkg/changelog.gz
+  DEPENDS ${CMAKE_BINARY_DIR}/pkg/changelog)
+add_custom_target(twhost_changelog ALL DEPENDS ${CMAKE_BINARY_DIR}/pkg/changelog.gz)
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/deb/copyright ${CMAKE_BINARY_DIR}/pkg/changelog.gz
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/twhost)
+
 # The .deb: one package with the command, the host library, the plug-in and what a build
 # needs to use them. Configure with -DCMAKE_INSTALL_PREFIX=/usr for it.
 set(CPACK_PACKAGE_NAME twhost)
 set(CPACK_PACKAGE_VENDOR "twhost developers")
-set(CPACK_PACKAGE_CONTACT "twhost developers <twhost@localhost>")
+set(CPACK_PACKAGE_CONTACT "${TW_PACKAGE_CONTACT}")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "device plug-in of a network video recorder and its reference host")
 set(CPACK_PACKAGE_DESCRIPTION
-  "The device plug-in module (libtwdevplugin.so) of a network video recorder, the reference
-host library that loads it (libtwhost.so) with its headers, CMake package and pkg-config
-file, and the twhost command that drives the plug-in on video files and streams, UNIX
+  "The device plug-in module (libtwdevplugin.so) of a network video
+recorder, the reference host library that loads it (libtwhost.so)
+with its headers, CMake package and pkg-config file, and the twhost
+command that drives the plug-in on video files and streams, UNIX
 sockets, WAV files and network I/O modules.")
+# The host library is in the package: ldconfig runs once the package is in.
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/deb/triggers)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

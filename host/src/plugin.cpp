@@ -193,6 +193,17 @@ std::vector<std::string> PluginModule::SearchPath() {
     return paths;
 }
 
+std::string PluginModule::SearchOrderHelp() {
+    return std::string("The plug-in (") + kPluginFile +
+           ") is the first of:\n"
+           "  1. the path given with --plugin\n"
+           "  2. the path in the environment variable TWHOST_PLUGIN\n"
+           "  3. next to the twhost binary: BINDIR/" + kPluginFile + ", then BINDIR/../lib/" + kPluginFile +
+           " (a build tree)\n"
+           "  4. the plug-in folder of the install: LIBDIR/" TW_PLUGIN_SUBDIR "/ beside libtwhost.so,\n"
+           "     then " + InstalledPluginDir() + "/\n";
+}
+
 std::string PluginModule::DefaultPath() {
     if (const char* env = getenv("TWHOST_PLUGIN"); env && *env) return env;
     for (const std::string& path : SearchPath()) {

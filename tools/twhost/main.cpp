@@ -7,12 +7,14 @@ extern "C" {
 }
 
 #include "commands.h"
+#include "twhost/plugin.h"
 
 int main(int argc, char** argv) {
     // FFmpeg's own chatter is not for twhost's users; its errors still show.
     av_log_set_level(AV_LOG_ERROR);
     CLI::App app{"twhost - reference host of the device plug-in"};
     app.require_subcommand(1);
+    app.footer(tw::host::PluginModule::SearchOrderHelp());
     int exitCode = 0;
     RegisterDetectCommand(app, exitCode);
     RegisterSampleCommand(app, exitCode);

@@ -116,6 +116,8 @@ public:
     // The plug-in folder of the configured install prefix, e.g.
     // "/usr/lib/x86_64-linux-gnu/twhost/plugins".
     static std::string InstalledPluginDir();
+    // The search order in words, for a command's --help.
+    static std::string SearchOrderHelp();
     ~PluginModule();
 
     DPObjectBase* TWMotionDetFactory(Camera* camera, EventBuf* eventBuf, StreamFifo* fifo,
