@@ -106,8 +106,9 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # The plug-in's host symbols come from the process that loads it, on purpose.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR}/lib)
-# The headers include JsonCpp's and libjpeg's.
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libjsoncpp-dev, libjpeg62-turbo-dev")
+# The headers include JsonCpp's and libjpeg's, and the CMake package finds JsonCpp through
+# pkg-config.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libjsoncpp-dev, libjpeg62-turbo-dev, pkg-config")
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_STRIP_FILES ON)

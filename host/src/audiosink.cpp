@@ -516,10 +516,12 @@ bool HttpAudioSink::ParseUrl(const std::string& url, std::string& host, int& por
     if (path.empty()) path = "/";
     const std::string query = u.Get(CURLUPART_QUERY);
     if (!query.empty()) path += "?" + query;
+    // "user:password" as written in the URL, or "user", or empty.
     userInfo = u.Get(CURLUPART_USER);
-    const std::string password = u.Get(CURLUPART_PASSWORD);
-    if (!password.empty() || url.find(userInfo + ":") != std::string::npos) {
-        if (!userInfo.empty()) userInfo += ":" + password;
+    char* password = nullptr;
+    if (curl_url_get(u.h, CURLUPART_PASSWORD, &password, 0) == CURLUE_OK && password != nullptr) {
+        userInfo += ":" + std::string(password);
+        curl_free(password);
     }
     return true;
 }
