@@ -50,16 +50,25 @@ int main(int argc, char** argv) {
     if (pluginPath.empty()) pluginPath = tw::host::PluginModule::DefaultPath();
     std::printf("host library %s, plug-in %s\n", TW_VERSION, pluginPath.c_str());
 
-    // The clip: the built-in sample, written by the host library.
-    const tw::host::ClipSpec spec = tw::host::SampleClipSpec();
-    char dir[] = "/tmp/twhost-consumer-XXXXXX";
-    if (mkdtemp(dir) == nullptr) return Fail("cannot make a temporary folder");
-    const std::string clip = std::string(dir) + "/sample.mp4";
     std::string error;
-    if (!tw::host::WriteClip(spec, clip, error)) return Fail("cannot write the clip: " + error);
-
     std::unique_ptr<tw::host::PluginModule> module = tw::host::PluginModule::Load(pluginPath, error);
     if (!module) return Fail(error);
+
+    // The clip: the built-in sample, written by the host library into a folder of its own
+    // that goes when the program ends, whichever way.
+    const tw::host::ClipSpec spec = tw::host::SampleClipSpec();
+    struct TempDir {
+        char path[32] = "/tmp/twhost-consumer-XXXXXX";
+        std::string clip;
+        ~TempDir() {
+            if (!clip.empty()) unlink(clip.c_str());
+            rmdir(path);
+        }
+    } dir;
+    if (mkdtemp(dir.path) == nullptr) return Fail("cannot make a temporary folder");
+    dir.clip = std::string(dir.path) + "/sample.mp4";
+    const std::string& clip = dir.clip;
+    if (!tw::host::WriteClip(spec, clip, error)) return Fail("cannot write the clip: " + error);
 
     tw::host::MediaSource source;
     if (!source.Open(clip, error)) return Fail(error);
@@ -108,8 +117,6 @@ int main(int argc, char** argv) {
     pump.Stop();
     tw::host::SetEventListener(events, nullptr);
     tw::host::SetClock(nullptr);
-    unlink(clip.c_str());
-    rmdir(dir);
 
     // The rises of motion, against the intervals in which the object moved.
     std::vector<double> rises;
