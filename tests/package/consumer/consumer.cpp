@@ -56,7 +56,7 @@ int main(int argc, char** argv) {
 
     // The clip: the built-in sample, written by the host library into a folder of its own
     // that goes when the program ends, whichever way.
-    const tw::host::ClipSpec spec = tw::host::SampleClipSpec();
+    const tw::host::ClipSpec clipSpec = tw::host::SampleClipSpec();
     struct TempDir {
         char path[32] = "/tmp/twhost-consumer-XXXXXX";
         std::string clip;
@@ -68,7 +68,7 @@ int main(int argc, char** argv) {
     if (mkdtemp(dir.path) == nullptr) return Fail("cannot make a temporary folder");
     dir.clip = std::string(dir.path) + "/sample.mp4";
     const std::string& clip = dir.clip;
-    if (!tw::host::WriteClip(spec, clip, error)) return Fail("cannot write the clip: " + error);
+    if (!tw::host::WriteClip(clipSpec, clip, error)) return Fail("cannot write the clip: " + error);
 
     tw::host::MediaSource source;
     if (!source.Open(clip, error)) return Fail(error);
@@ -126,14 +126,14 @@ int main(int argc, char** argv) {
         if (s.motion && !motion) rises.push_back(s.t);
         motion = s.motion;
     }
-    bool right = statuses.size() > 10 && rises.size() == spec.motion.size();
+    bool right = statuses.size() > 10 && rises.size() == clipSpec.motion.size();
     for (size_t i = 0; right && i < rises.size(); ++i) {
-        right = rises[i] >= spec.motion[i].first && rises[i] <= spec.motion[i].second;
+        right = rises[i] >= clipSpec.motion[i].first && rises[i] <= clipSpec.motion[i].second;
     }
     std::printf("%zu statuses; motion rose at", statuses.size());
     for (double t : rises) std::printf(" %.3f", t);
     std::printf(" s; moving");
-    for (const auto& m : spec.motion) std::printf(" %.1f-%.1f", m.first, m.second);
+    for (const auto& m : clipSpec.motion) std::printf(" %.1f-%.1f", m.first, m.second);
     std::printf(" s: %s\n", right ? "right" : "WRONG");
     return right ? 0 : 1;
 }
