@@ -1,10 +1,8 @@
 // Audio sinks of the reference host: a WAV file, an HTTP endpoint, memory.
 #include "twhost/audiosink.h"
 
+#include <curl/curl.h>
 #include <fcntl.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -17,6 +15,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "twhost/version.h"
 #include "twhost/wavfile.h"
 
 namespace tw::host {
@@ -38,37 +37,6 @@ bool ParseCount(const std::string& text, int& value) {
         return false;
     value = std::stoi(text);
     return true;
-}
-
-std::string Base64(const std::string& in) {
-    static const char kAlphabet[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    size_t i = 0;
-    while (i + 2 < in.size()) {
-        const uint32_t v = (static_cast<unsigned char>(in[i]) << 16) |
-                           (static_cast<unsigned char>(in[i + 1]) << 8) |
-                           static_cast<unsigned char>(in[i + 2]);
-        out += kAlphabet[(v >> 18) & 63];
-        out += kAlphabet[(v >> 12) & 63];
-        out += kAlphabet[(v >> 6) & 63];
-        out += kAlphabet[v & 63];
-        i += 3;
-    }
-    if (i + 1 == in.size()) {
-        const uint32_t v = static_cast<unsigned char>(in[i]) << 16;
-        out += kAlphabet[(v >> 18) & 63];
-        out += kAlphabet[(v >> 12) & 63];
-        out += "==";
-    } else if (i + 2 == in.size()) {
-        const uint32_t v = (static_cast<unsigned char>(in[i]) << 16) |
-                           (static_cast<unsigned char>(in[i + 1]) << 8);
-        out += kAlphabet[(v >> 18) & 63];
-        out += kAlphabet[(v >> 12) & 63];
-        out += kAlphabet[(v >> 6) & 63];
-        out += '=';
-    }
-    return out;
 }
 
 // The file and HTTP sinks need a format they can describe; the memory sink takes anything.
@@ -374,57 +342,186 @@ bool WavFileAudioSink::DoDisconnect(std::string& error) {
 }
 
 // ---------------------------------------------------------------------------------------
-// HTTP
+// HTTP, through libcurl
+
+namespace {
+
+std::once_flag g_CurlInitOnce;
+
+// libcurl's URL parser, released with the handle.
+struct UrlHandle {
+    CURLU* h = curl_url();
+    ~UrlHandle() { curl_url_cleanup(h); }
+    std::string Get(CURLUPart part, unsigned flags = 0) const {
+        char* text = nullptr;
+        if (curl_url_get(h, part, &text, flags) != CURLUE_OK || text == nullptr) return "";
+        std::string out(text);
+        curl_free(text);
+        return out;
+    }
+};
+
+}  // namespace
+
+// One POST on its way: libcurl drives it through a multi handle, which lets SendData hand a
+// chunk over and come back as soon as libcurl has taken it, instead of libcurl pulling the
+// whole body in one blocking call. The read callback pauses the upload whenever it has
+// nothing to give.
+struct HttpAudioSink::Transfer {
+    CURL* easy = nullptr;
+    CURLM* multi = nullptr;
+    curl_slist* headers = nullptr;
+    char errorBuffer[CURL_ERROR_SIZE] = {};
+    bool attached = false;   // the easy handle is in the multi handle
+    // The body: what SendData handed over and how much of it libcurl took.
+    std::vector<char> pending;
+    size_t taken = 0;
+    bool handedOut = false;  // libcurl took some of the body of this request
+    bool end = false;        // Disconnect: no more body, send the last chunk
+    bool asked = false;      // libcurl asked for body (the request head is out)
+    bool paused = false;     // ... and found none: the upload is paused
+    bool done = false;       // the request is over (answer, failure or close)
+    curl_socket_t socket = CURL_SOCKET_BAD;
+    CURLcode result = CURLE_OK;
+
+    static size_t Read(char* buffer, size_t size, size_t count, void* user) {
+        auto* t = static_cast<Transfer*>(user);
+        t->asked = true;
+        const size_t room = size * count;
+        if (t->taken < t->pending.size()) {
+            const size_t n = std::min(room, t->pending.size() - t->taken);
+            std::memcpy(buffer, t->pending.data() + t->taken, n);
+            t->taken += n;
+            t->handedOut = true;
+            t->paused = false;
+            return n;
+        }
+        if (t->end) return 0;
+        t->paused = true;
+        return CURL_READFUNC_PAUSE;
+    }
+    // A request that libcurl repeats (to answer an authentication challenge) may start its
+    // body again only while none of it went out.
+    static int Seek(void* user, curl_off_t offset, int origin) {
+        auto* t = static_cast<Transfer*>(user);
+        if (offset == 0 && origin == SEEK_SET && !t->handedOut) return CURL_SEEKFUNC_OK;
+        return CURL_SEEKFUNC_CANTSEEK;
+    }
+    // The socket of the request, as libcurl opens and closes it.
+    static int SocketOpened(void* user, curl_socket_t fd, curlsocktype purpose) {
+        if (purpose == CURLSOCKTYPE_IPCXN) static_cast<Transfer*>(user)->socket = fd;
+        return CURL_SOCKOPT_OK;
+    }
+    static int CloseSocket(void* user, curl_socket_t fd) {
+        auto* t = static_cast<Transfer*>(user);
+        if (t->socket == fd) t->socket = CURL_SOCKET_BAD;
+        return close(fd);
+    }
+    // The answer's body means nothing to an audio sink.
+    static size_t Discard(char*, size_t size, size_t count, void*) { return size * count; }
+
+    ~Transfer() {
+        Detach();
+        if (multi) curl_multi_cleanup(multi);
+        if (easy) curl_easy_cleanup(easy);
+        curl_slist_free_all(headers);
+    }
+    void Detach() {
+        if (attached) curl_multi_remove_handle(multi, easy);
+        attached = false;
+    }
+    // Runs libcurl until pred holds, the request ends or the deadline passes; true when
+    // pred holds.
+    template <typename Pred>
+    bool Drive(Pred pred, std::chrono::steady_clock::time_point deadline) {
+        for (;;) {
+            int running = 0;
+            curl_multi_perform(multi, &running);
+            int queued = 0;
+            while (CURLMsg* msg = curl_multi_info_read(multi, &queued)) {
+                if (msg->msg == CURLMSG_DONE) {
+                    done = true;
+                    result = msg->data.result;
+                }
+            }
+            if (pred()) return true;
+            if (done) return false;
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                  deadline - std::chrono::steady_clock::now()).count();
+            if (left <= 0) return false;
+            curl_multi_poll(multi, nullptr, 0, static_cast<int>(std::min<long long>(left, 100)), nullptr);
+        }
+    }
+    long Status() const {
+        long code = 0;
+        curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &code);
+        return code;
+    }
+    // libcurl's own words for a failure, with the system's reason when it has one.
+    std::string Why() const {
+        std::string why = errorBuffer[0] ? errorBuffer : curl_easy_strerror(result);
+        long osErrno = 0;
+        if (curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &osErrno) == CURLE_OK && osErrno != 0) {
+            const std::string sys = std::strerror(static_cast<int>(osErrno));
+            if (why.find(sys) == std::string::npos) why += " (" + sys + ")";
+        }
+        return why;
+    }
+    // Whether the server has closed its side while the body is still on its way; libcurl
+    // notices that only when it next writes.
+    bool PeerClosed() const {
+        if (socket == CURL_SOCKET_BAD) return false;
+        const curl_socket_t fd = socket;
+        pollfd p{fd, POLLIN | POLLRDHUP, 0};
+        if (poll(&p, 1, 0) <= 0) return false;
+        if (p.revents & (POLLRDHUP | POLLHUP | POLLERR)) return true;
+        char byte = 0;
+        return recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+    }
+};
 
 bool HttpAudioSink::ParseUrl(const std::string& url, std::string& host, int& port,
                              std::string& path, std::string& userInfo, std::string& error) {
-    if (Lower(url.substr(0, 7)) != "http://") {
-        error = "'" + url + "' is not an http:// URL";
+    UrlHandle u;
+    if (u.h == nullptr) {
+        error = "out of memory";
         return false;
     }
-    // The authority ends at the path or, without one, at the query.
-    const size_t end = url.find_first_of("/?", 7);
-    std::string authority = url.substr(7, end == std::string::npos ? std::string::npos : end - 7);
-    path = end == std::string::npos ? "/" : url[end] == '?' ? "/" + url.substr(end) : url.substr(end);
-    userInfo.clear();
-    const size_t at = authority.rfind('@');
-    if (at != std::string::npos) {
-        userInfo = authority.substr(0, at);
-        authority = authority.substr(at + 1);
-    }
-    std::string portText;
-    if (!authority.empty() && authority[0] == '[') {
-        const size_t close = authority.find(']');
-        if (close == std::string::npos) {
-            error = "'" + url + "': unterminated IPv6 address";
-            return false;
+    const CURLUcode rc = curl_url_set(u.h, CURLUPART_URL, url.c_str(), CURLU_NON_SUPPORT_SCHEME);
+    if (rc != CURLUE_OK) {
+        switch (rc) {
+        case CURLUE_NO_HOST: error = "'" + url + "' has no host"; break;
+        case CURLUE_BAD_PORT_NUMBER: error = "'" + url + "' has a bad port (1 to 65535)"; break;
+        default: error = "'" + url + "' is not a valid URL: " + curl_url_strerror(rc); break;
         }
-        host = authority.substr(1, close - 1);
-        const std::string rest = authority.substr(close + 1);
-        if (!rest.empty()) {
-            if (rest[0] != ':') {
-                error = "'" + url + "': junk after the IPv6 address";
-                return false;
-            }
-            portText = rest.substr(1);
-        }
-    } else {
-        const size_t colon = authority.find(':');
-        host = authority.substr(0, colon);
-        if (colon != std::string::npos) portText = authority.substr(colon + 1);
+        return false;
     }
+    const std::string scheme = u.Get(CURLUPART_SCHEME);
+    if (scheme != "http" && scheme != "https") {
+        error = "'" + url + "' is not an http:// or https:// URL";
+        return false;
+    }
+    host = u.Get(CURLUPART_HOST);
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
     if (host.empty()) {
         error = "'" + url + "' has no host";
         return false;
     }
-    port = 80;
-    if (!portText.empty() || authority.find(':') != std::string::npos) {
-        int value = 0;
-        if (!ParseCount(portText, value) || value < 1 || value > 65535) {
-            error = "'" + url + "' has a bad port '" + portText + "'";
-            return false;
-        }
-        port = value;
+    port = std::atoi(u.Get(CURLUPART_PORT, CURLU_DEFAULT_PORT).c_str());
+    if (port < 1 || port > 65535) {
+        error = "'" + url + "' has a bad port (1 to 65535)";
+        return false;
+    }
+    path = u.Get(CURLUPART_PATH);
+    if (path.empty()) path = "/";
+    const std::string query = u.Get(CURLUPART_QUERY);
+    if (!query.empty()) path += "?" + query;
+    // "user:password" as written in the URL, or "user", or empty.
+    userInfo = u.Get(CURLUPART_USER);
+    char* password = nullptr;
+    if (curl_url_get(u.h, CURLUPART_PASSWORD, &password, 0) == CURLUE_OK && password != nullptr) {
+        userInfo += ":" + std::string(password);
+        curl_free(password);
     }
     return true;
 }
@@ -448,264 +545,231 @@ std::string HttpAudioSink::ContentType(const CAM_CAP_AUDIO_OUT_FORMAT& format,
            ";channels=" + std::to_string(format.channels);
 }
 
-HttpAudioSink::HttpAudioSink(const std::string& url, const CAM_CAP_AUDIO_OUT_FORMAT& format)
-    : m_strUrl(url) {
+HttpAudioSink::HttpAudioSink(const std::string& url, const CAM_CAP_AUDIO_OUT_FORMAT& format) {
+    std::call_once(g_CurlInitOnce, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
     std::string error;
-    ParseUrl(url, m_strHost, m_Port, m_strPath, m_strUserInfo, error);
     m_strContentType = ContentType(format, error);
     if (ParseAudioCodec(format.strCodec) == AudioCodec::Pcm && format.bitsPerSample > 8)
         m_SampleBytes = format.bitsPerSample / 8;
+    // What goes on the wire: the URL without its credentials (libcurl sends those as the
+    // server asks for them) and without a fragment.
+    UrlHandle u;
+    if (u.h != nullptr && curl_url_set(u.h, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK) {
+        m_strUser = u.Get(CURLUPART_USER, CURLU_URLDECODE);
+        m_strPassword = u.Get(CURLUPART_PASSWORD, CURLU_URLDECODE);
+        m_blCredentials = !m_strUser.empty() || !m_strPassword.empty();
+        curl_url_set(u.h, CURLUPART_USER, nullptr, 0);
+        curl_url_set(u.h, CURLUPART_PASSWORD, nullptr, 0);
+        curl_url_set(u.h, CURLUPART_FRAGMENT, nullptr, 0);
+        m_strWireUrl = u.Get(CURLUPART_URL);
+        std::string host = u.Get(CURLUPART_HOST);
+        m_strShown = u.Get(CURLUPART_SCHEME) + "://" + host + ":" +
+                     u.Get(CURLUPART_PORT, CURLU_DEFAULT_PORT) + u.Get(CURLUPART_PATH);
+        const std::string query = u.Get(CURLUPART_QUERY);
+        if (!query.empty()) m_strShown += "?" + query;
+    } else {
+        m_strWireUrl = url;
+        m_strShown = url;
+    }
 }
 
 HttpAudioSink::~HttpAudioSink() { CloseOnDestruction(); }
 
 std::string HttpAudioSink::Describe() const {
     // The credentials stay out of messages.
-    const bool v6 = m_strHost.find(':') != std::string::npos;
-    return "HTTP sink http://" + (v6 ? "[" + m_strHost + "]" : m_strHost) + ":" +
-           std::to_string(m_Port) + m_strPath;
+    return "HTTP sink " + m_strShown;
 }
 
-void HttpAudioSink::CloseSocket() {
-    if (m_Fd >= 0) close(m_Fd);
-    m_Fd = -1;
+void HttpAudioSink::SetCaFile(const std::string& path) {
+    std::lock_guard<std::mutex> lock(m_ConfigMutex);
+    m_strCaFile = path;
+}
+
+bool HttpAudioSink::Start(std::string& error) {
+    m_pTransfer.reset();
+    auto t = std::make_unique<Transfer>();
+    t->easy = curl_easy_init();
+    t->multi = curl_multi_init();
+    if (t->easy == nullptr || t->multi == nullptr) {
+        error = "cannot set up libcurl";
+        return false;
+    }
+    CURL* e = t->easy;
+    std::string caFile;
+    {
+        std::lock_guard<std::mutex> lock(m_ConfigMutex);
+        caFile = m_strCaFile;
+    }
+    t->headers = curl_slist_append(t->headers, ("Content-Type: " + m_strContentType).c_str());
+    t->headers = curl_slist_append(t->headers, "Transfer-Encoding: chunked");
+    t->headers = curl_slist_append(t->headers, "Connection: close");
+    // With credentials the head goes first and the body only once the server has accepted
+    // it, so that a server asking for Digest (or refusing) says so before any audio is
+    // spent. Without, nothing is to be negotiated and the audio follows at once.
+    if (!m_blCredentials) t->headers = curl_slist_append(t->headers, "Expect:");
+    else t->headers = curl_slist_append(t->headers, "Expect: 100-continue");
+    curl_easy_setopt(e, CURLOPT_URL, m_strWireUrl.c_str());
+    curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(e, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1);
+    curl_easy_setopt(e, CURLOPT_POST, 1L);
+    curl_easy_setopt(e, CURLOPT_HTTPHEADER, t->headers);
+    curl_easy_setopt(e, CURLOPT_USERAGENT, "twhost/" TW_VERSION);
+    curl_easy_setopt(e, CURLOPT_READFUNCTION, &Transfer::Read);
+    curl_easy_setopt(e, CURLOPT_READDATA, t.get());
+    curl_easy_setopt(e, CURLOPT_SEEKFUNCTION, &Transfer::Seek);
+    curl_easy_setopt(e, CURLOPT_SEEKDATA, t.get());
+    curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &Transfer::Discard);
+    curl_easy_setopt(e, CURLOPT_SOCKOPTFUNCTION, &Transfer::SocketOpened);
+    curl_easy_setopt(e, CURLOPT_SOCKOPTDATA, t.get());
+    curl_easy_setopt(e, CURLOPT_CLOSESOCKETFUNCTION, &Transfer::CloseSocket);
+    curl_easy_setopt(e, CURLOPT_CLOSESOCKETDATA, t.get());
+    curl_easy_setopt(e, CURLOPT_ERRORBUFFER, t->errorBuffer);
+    curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
+    // Chunks go out as they come; a device plays what it gets without waiting.
+    curl_easy_setopt(e, CURLOPT_TCP_NODELAY, 1L);
+    curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(m_TimeoutMs));
+    curl_easy_setopt(e, CURLOPT_EXPECT_100_TIMEOUT_MS, static_cast<long>(std::min(m_TimeoutMs, 1000)));
+    if (!caFile.empty()) curl_easy_setopt(e, CURLOPT_CAINFO, caFile.c_str());
+    if (m_blCredentials) {
+        curl_easy_setopt(e, CURLOPT_USERNAME, m_strUser.c_str());
+        curl_easy_setopt(e, CURLOPT_PASSWORD, m_strPassword.c_str());
+        // Basic goes with the first request, as most devices take it; a server that asks
+        // for Digest gets Digest from then on.
+        curl_easy_setopt(e, CURLOPT_HTTPAUTH, m_blDigest ? CURLAUTH_DIGEST : CURLAUTH_BASIC);
+    }
+    if (curl_multi_add_handle(t->multi, e) != CURLM_OK) {
+        error = "cannot set up libcurl";
+        return false;
+    }
+    t->attached = true;
+    m_pTransfer = std::move(t);
+    return true;
 }
 
 bool HttpAudioSink::DoConnect(std::string& error) {
-    CloseSocket();
     m_Carry.clear();
-    m_strResponse.clear();
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* addrs = nullptr;
-    const int gai = getaddrinfo(m_strHost.c_str(), std::to_string(m_Port).c_str(), &hints, &addrs);
-    if (gai != 0) {
-        error = "cannot resolve '" + m_strHost + "': " + gai_strerror(gai);
-        return false;
-    }
-    std::string lastError = "no address";
-    for (addrinfo* a = addrs; a != nullptr && m_Fd < 0; a = a->ai_next) {
-        const int fd = socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK,
-                              a->ai_protocol);
-        if (fd < 0) {
-            lastError = std::strerror(errno);
-            continue;
-        }
-        int rc = connect(fd, a->ai_addr, a->ai_addrlen);
-        if (rc != 0 && errno == EINPROGRESS) {
-            pollfd p{fd, POLLOUT, 0};
-            int ready = 0;
-            do {
-                ready = poll(&p, 1, m_TimeoutMs);
-            } while (ready < 0 && errno == EINTR);
-            if (ready == 0) {
-                lastError = "connection timed out";
-                close(fd);
+    for (int attempt = 0;; ++attempt) {
+        if (!Start(error)) return false;
+        Transfer& t = *m_pTransfer;
+        // Connected once libcurl wants the body: the request head is out (and, with
+        // credentials, accepted).
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(m_TimeoutMs) +
+                              std::chrono::milliseconds(std::min(m_TimeoutMs, 1000));
+        if (t.Drive([&] { return t.asked; }, deadline)) return true;
+        if (!t.done) {
+            error = "no answer from the server within " + std::to_string(m_TimeoutMs) + " ms";
+        } else if (t.result == CURLE_COULDNT_CONNECT || t.result == CURLE_COULDNT_RESOLVE_HOST ||
+                   t.result == CURLE_OPERATION_TIMEDOUT) {
+            error = "cannot connect: " + t.Why();
+        } else if (t.result != CURLE_OK) {
+            error = t.Why();
+        } else if (!m_blCredentials) {
+            // The head went out and the server has answered already; as with any server
+            // that answers before the end of the body, the next send tells.
+            return true;
+        } else {
+            const long status = t.Status();
+            m_LastStatus = static_cast<int>(status);
+            long offered = 0;
+            curl_easy_getinfo(t.easy, CURLINFO_HTTPAUTH_AVAIL, &offered);
+            if (status == 401 && m_blCredentials && !m_blDigest && (offered & CURLAUTH_DIGEST) && attempt == 0) {
+                m_blDigest = true;
                 continue;
             }
-            int soError = 0;
-            socklen_t len = sizeof(soError);
-            getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len);
-            rc = soError == 0 ? 0 : -1;
-            errno = soError;
+            error = status == 401 && m_blCredentials
+                        ? "the server refused the credentials (401)"
+                        : "the server answered " + std::to_string(status) + " before the audio";
         }
-        if (rc != 0) {
-            lastError = std::strerror(errno);
-            close(fd);
-            continue;
-        }
-        // Blocking from here on, bounded by the time-outs.
-        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
-        timeval tv{m_TimeoutMs / 1000, (m_TimeoutMs % 1000) * 1000};
-        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-        // Chunks are sent as they come; a device plays what it gets without waiting.
-        const int one = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-        m_Fd = fd;
-    }
-    freeaddrinfo(addrs);
-    if (m_Fd < 0) {
-        error = "cannot connect: " + lastError;
+        m_pTransfer.reset();
         return false;
     }
-    const bool v6 = m_strHost.find(':') != std::string::npos;
-    std::string hostHeader = v6 ? "[" + m_strHost + "]" : m_strHost;
-    if (m_Port != 80) hostHeader += ":" + std::to_string(m_Port);
-    std::string head = "POST " + m_strPath + " HTTP/1.1\r\n"
-                       "Host: " + hostHeader + "\r\n"
-                       "User-Agent: twhost\r\n"
-                       "Content-Type: " + m_strContentType + "\r\n"
-                       "Transfer-Encoding: chunked\r\n"
-                       "Connection: close\r\n";
-    if (!m_strUserInfo.empty()) head += "Authorization: Basic " + Base64(m_strUserInfo) + "\r\n";
-    head += "\r\n";
-    if (!SendAll(head.data(), head.size(), error)) {
-        error = "cannot send the request: " + error;
-        CloseSocket();
-        return false;
-    }
-    return true;
 }
 
-bool HttpAudioSink::SendAll(const char* data, size_t size, std::string& error) {
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t sent = send(m_Fd, data + done, size - done, MSG_NOSIGNAL);
-        if (sent < 0 && errno == EINTR) continue;
-        if (sent < 0) {
-            error = (errno == EAGAIN || errno == EWOULDBLOCK) ? std::string("send timed out")
-                                                              : std::strerror(errno);
-            return false;
-        }
-        done += static_cast<size_t>(sent);
+bool HttpAudioSink::Fail(const std::string& what, std::string& error) {
+    Transfer& t = *m_pTransfer;
+    if (t.done && t.result == CURLE_OK) {
+        m_LastStatus = static_cast<int>(t.Status());
+        error = "the server answered " + std::to_string(m_LastStatus.load()) + " " + what;
+    } else if (t.done && t.result != CURLE_OK) {
+        error = t.result == CURLE_SEND_ERROR || t.result == CURLE_RECV_ERROR || t.result == CURLE_GOT_NOTHING
+                    ? "the server closed the connection: " + t.Why()
+                    : t.Why();
+    } else {
+        error = "the server closed the connection";
     }
-    return true;
-}
-
-bool HttpAudioSink::TakeHead(int& status) {
-    const size_t end = m_strResponse.find("\r\n\r\n");
-    if (end == std::string::npos) return false;
-    const std::string line = m_strResponse.substr(0, m_strResponse.find("\r\n"));
-    m_strResponse.erase(0, end + 4);
-    status = 0;
-    // "HTTP/1.1 200 OK"
-    const size_t sp = line.find(' ');
-    if (StartsWith(line, "HTTP/") && sp != std::string::npos && line.size() >= sp + 4) {
-        const std::string code = line.substr(sp + 1, 3);
-        if (code.find_first_not_of("0123456789") == std::string::npos) status = std::stoi(code);
-    }
-    return true;
-}
-
-bool HttpAudioSink::CheckServerQuiet(std::string& error) {
-    for (;;) {
-        pollfd p{m_Fd, POLLIN, 0};
-        if (poll(&p, 1, 0) <= 0) return true;
-        char buf[1024];
-        const ssize_t got = recv(m_Fd, buf, sizeof(buf), MSG_DONTWAIT);
-        if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return true;
-        if (got < 0) {
-            error = std::string("connection lost: ") + std::strerror(errno);
-            return false;
-        }
-        if (got == 0) {
-            error = "the server closed the connection";
-            return false;
-        }
-        m_strResponse.append(buf, static_cast<size_t>(got));
-        int status = 0;
-        while (TakeHead(status)) {
-            if (status >= 100 && status < 200) continue;   // interim answers are fine
-            m_LastStatus = status;
-            error = "the server answered " + std::to_string(status) +
-                    " before the end of the audio";
-            return false;
-        }
-    }
+    m_pTransfer.reset();
+    return false;
 }
 
 bool HttpAudioSink::DoSend(const char* data, size_t size, std::string& error) {
-    if (m_Fd < 0) {
+    if (!m_pTransfer) {
         error = "the connection was lost";
         return false;
     }
-    if (!CheckServerQuiet(error)) {
-        CloseSocket();
-        return false;
-    }
+    Transfer& t = *m_pTransfer;
+    // Whatever the server said or did since the last send comes first.
+    t.Drive([] { return false; }, std::chrono::steady_clock::now());
+    if (t.done || t.PeerClosed()) return Fail("before the end of the audio", error);
     // Little-endian samples in, network order out; a sample cut by the caller waits in
     // the carry for its other bytes.
-    m_Chunk.clear();
-    size_t body = size;
+    t.pending.clear();
+    t.taken = 0;
     if (m_SampleBytes > 1) {
         std::vector<char> all(m_Carry);
         all.insert(all.end(), data, data + size);
-        const size_t whole = all.size() / static_cast<size_t>(m_SampleBytes) *
-                             static_cast<size_t>(m_SampleBytes);
-        for (size_t i = 0; i < whole; i += static_cast<size_t>(m_SampleBytes))
-            std::reverse(all.begin() + static_cast<long>(i),
-                         all.begin() + static_cast<long>(i) + m_SampleBytes);
+        const size_t sample = static_cast<size_t>(m_SampleBytes);
+        const size_t whole = all.size() / sample * sample;
+        for (size_t i = 0; i < whole; i += sample)
+            std::reverse(all.begin() + static_cast<long>(i), all.begin() + static_cast<long>(i + sample));
         m_Carry.assign(all.begin() + static_cast<long>(whole), all.end());
-        body = whole;
-        if (body == 0) return true;   // all of it waits in the carry
-        char head[32];
-        const int n = std::snprintf(head, sizeof(head), "%zx\r\n", body);
-        m_Chunk.insert(m_Chunk.end(), head, head + n);
-        m_Chunk.insert(m_Chunk.end(), all.begin(), all.begin() + static_cast<long>(whole));
+        all.resize(whole);
+        t.pending.swap(all);
     } else {
-        char head[32];
-        const int n = std::snprintf(head, sizeof(head), "%zx\r\n", body);
-        m_Chunk.insert(m_Chunk.end(), head, head + n);
-        m_Chunk.insert(m_Chunk.end(), data, data + size);
+        t.pending.assign(data, data + size);
     }
-    m_Chunk.push_back('\r');
-    m_Chunk.push_back('\n');
-    if (!SendAll(m_Chunk.data(), m_Chunk.size(), error)) {
-        CloseSocket();
-        return false;
-    }
-    return true;
-}
-
-bool HttpAudioSink::ReadStatus(int& status, std::string& error) {
+    if (t.pending.empty()) return true;   // all of it waits in the carry
+    // Sent once libcurl has taken all of it and come back for more.
+    t.paused = false;
+    curl_easy_pause(t.easy, CURLPAUSE_CONT);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(m_TimeoutMs);
-    for (;;) {
-        while (TakeHead(status)) {
-            if (status < 100 || status >= 200) return true;
-        }
-        if (m_strResponse.size() > 16384) {
-            error = "the server's answer head is too long";
-            return false;
-        }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                              deadline - std::chrono::steady_clock::now())
-                              .count();
-        pollfd p{m_Fd, POLLIN, 0};
-        const int ready = left > 0 ? poll(&p, 1, static_cast<int>(left)) : 0;
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready <= 0) {
-            error = "no answer from the server within " + std::to_string(m_TimeoutMs) + " ms";
-            return false;
-        }
-        char buf[1024];
-        const ssize_t got = recv(m_Fd, buf, sizeof(buf), 0);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) {
-            // A server may close right after its status line.
-            if (m_strResponse.find("\r\n") != std::string::npos) {
-                m_strResponse += "\r\n\r\n";
-                continue;
-            }
-            error = got == 0 ? "the server closed the connection without an answer"
-                             : std::string("connection lost: ") + std::strerror(errno);
-            return false;
-        }
-        m_strResponse.append(buf, static_cast<size_t>(got));
-    }
+    if (t.Drive([&] { return t.taken == t.pending.size() && t.paused; }, deadline)) return true;
+    if (t.done) return Fail("before the end of the audio", error);
+    error = "the server took no audio within " + std::to_string(m_TimeoutMs) + " ms";
+    m_pTransfer.reset();
+    return false;
 }
 
 bool HttpAudioSink::DoDisconnect(std::string& error) {
-    if (m_Fd < 0) {
+    // A partial sample left in the carry cannot be played; it is dropped.
+    m_Carry.clear();
+    if (!m_pTransfer) {
         error = "the connection was lost before the end of the audio";
         return false;
     }
-    // A partial sample left in the carry cannot be played; it is dropped.
-    m_Carry.clear();
-    static const char kLastChunk[] = "0\r\n\r\n";
-    bool ok = SendAll(kLastChunk, sizeof(kLastChunk) - 1, error);
-    if (!ok) error = "cannot end the request: " + error;
-    int status = 0;
-    if (ok && !ReadStatus(status, error)) ok = false;
-    if (ok) {
-        m_LastStatus = status;
-        if (status < 200 || status >= 300) {
-            error = "the server answered " + std::to_string(status);
+    Transfer& t = *m_pTransfer;
+    t.pending.clear();
+    t.taken = 0;
+    t.end = true;
+    curl_easy_pause(t.easy, CURLPAUSE_CONT);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(m_TimeoutMs);
+    t.Drive([] { return false; }, deadline);
+    bool ok = true;
+    if (!t.done) {
+        error = "no answer from the server within " + std::to_string(m_TimeoutMs) + " ms";
+        ok = false;
+    } else if (t.result != CURLE_OK) {
+        error = t.result == CURLE_GOT_NOTHING || t.result == CURLE_RECV_ERROR
+                    ? "the server closed the connection without an answer: " + t.Why()
+                    : t.Why();
+        ok = false;
+    } else {
+        m_LastStatus = static_cast<int>(t.Status());
+        if (m_LastStatus < 200 || m_LastStatus >= 300) {
+            error = "the server answered " + std::to_string(m_LastStatus.load());
             ok = false;
         }
     }
-    CloseSocket();
+    m_pTransfer.reset();
     return ok;
 }
 
@@ -794,7 +858,7 @@ std::shared_ptr<AudioSink> MakeAudioSink(const std::string& address,
         } else if (CheckFormat(format, why)) {
             sink = std::make_shared<WavFileAudioSink>(path, format);
         }
-    } else if (Lower(target.substr(0, 7)) == "http://") {
+    } else if (Lower(target.substr(0, 7)) == "http://" || Lower(target.substr(0, 8)) == "https://") {
         std::string host, path, userInfo;
         int port = 0;
         if (HttpAudioSink::ParseUrl(target, host, port, path, userInfo, why) &&

@@ -2,10 +2,25 @@
 
 #include <dlfcn.h>
 #include <limits.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <new>
+
+// The worker classes are the plug-in's; the host library is built with the plug-in and
+// takes only their sizes from them, to make room for objects whose code is the module's.
+// None of this reaches the installed headers.
+#include "actionrule/ioactionExecutor.h"
+#include "camera/audioout.h"
+#include "interface/detectorhandler.h"
+
+#ifndef TW_INSTALL_PLUGIN_DIR
+#error "TW_INSTALL_PLUGIN_DIR must name the plug-in folder of the install"
+#endif
+#ifndef TW_PLUGIN_SUBDIR
+#error "TW_PLUGIN_SUBDIR must name the plug-in folder relative to the library folder"
+#endif
 
 namespace tw::host {
 
@@ -139,15 +154,62 @@ std::unique_ptr<PluginModule> PluginModule::Load(const std::string& path, std::s
     return module;
 }
 
-std::string PluginModule::DefaultPath() {
-    if (const char* env = getenv("TWHOST_PLUGIN"); env && *env) return env;
+namespace {
+
+constexpr const char* kPluginFile = "libtwdevplugin.so";
+
+bool IsFile(const std::string& path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+std::string DirOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
+}  // namespace
+
+std::string PluginModule::InstalledPluginDir() { return TW_INSTALL_PLUGIN_DIR; }
+
+std::vector<std::string> PluginModule::SearchPath() {
+    std::vector<std::string> paths;
     char exe[PATH_MAX];
     const ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
-    if (n <= 0) return "libtwdevplugin.so";
-    exe[n] = '\0';
-    std::string dir(exe);
-    dir = dir.substr(0, dir.rfind('/'));
-    return dir + "/../lib/libtwdevplugin.so";
+    if (n > 0) {
+        exe[n] = '\0';
+        const std::string dir = DirOf(exe);
+        paths.push_back(dir + "/" + kPluginFile);
+        paths.push_back(dir + "/../lib/" + kPluginFile);
+    }
+    // The install this library belongs to, wherever it was unpacked or relocated to: the
+    // plug-in folder sits under the folder of libtwhost.so.
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void*>(&PluginModule::SearchPath), &info) != 0 && info.dli_fname &&
+        std::string(info.dli_fname).find('/') != std::string::npos) {
+        paths.push_back(DirOf(info.dli_fname) + "/" + TW_PLUGIN_SUBDIR + "/" + kPluginFile);
+    }
+    paths.push_back(InstalledPluginDir() + "/" + kPluginFile);
+    return paths;
+}
+
+std::string PluginModule::SearchOrderHelp() {
+    return std::string("The plug-in (") + kPluginFile +
+           ") is the first of:\n"
+           "  1. the path given with --plugin\n"
+           "  2. the path in the environment variable TWHOST_PLUGIN\n"
+           "  3. next to the twhost binary: BINDIR/" + kPluginFile + ", then BINDIR/../lib/" + kPluginFile +
+           " (a build tree)\n"
+           "  4. the plug-in folder of the install: LIBDIR/" TW_PLUGIN_SUBDIR "/ beside libtwhost.so,\n"
+           "     then " + InstalledPluginDir() + "/\n";
+}
+
+std::string PluginModule::DefaultPath() {
+    if (const char* env = getenv("TWHOST_PLUGIN"); env && *env) return env;
+    for (const std::string& path : SearchPath()) {
+        if (IsFile(path)) return path;
+    }
+    return InstalledPluginDir() + "/" + kPluginFile;
 }
 
 PluginModule::~PluginModule() {

@@ -13,28 +13,9 @@
 #include "interface/twexport.h"
 #include "tw/devstatus.h"
 #include "tw/time.h"
+#include "tw/workers.h"
 
 class DeviceAPIHandler;
-
-// Action type of the audio-out action: the only key of the audio-side maps.
-constexpr int IOACT_TYPE_AUDIO_OUT = 9;
-
-// Bits of the action-flag word passed to DoAction.
-enum : int {
-    IOACT_FLAG_AUDIO_OUT = 0x200,
-    IOACT_FLAG_DO_TRIGGER = 0x400,     // digital output, trigger state true
-    IOACT_FLAG_DO_UNTRIGGER = 0x4000,  // digital output, trigger state false
-};
-
-// One action request: for the audio action (key 9) or for one digital-output port.
-struct IOActExecCond {
-    bool blStop;          // stop the running action (audio) / return the output to normal
-    int audioPatternId;   // audio: the pattern to play
-    int times;            // audio: number of plays when holdMode is 0
-    long long period;     // audio: gap between plays; output: hold time, -2 until stopped
-    int holdMode;         // audio: 0 counted plays, else until stopped;
-                          // output: 0 timed, 1 held and re-asserted, else held
-};
 
 class TW_EXPORT IOActExecutor {
 public:

@@ -7,21 +7,12 @@
 #include "interface/handlerutils.h"
 #include "interface/twexport.h"
 #include "tw/handler.h"
+#include "tw/workers.h"
 
 class Camera;
 class EventBuf;
 class StreamFifo;
 class FetcherBase;
-
-// 2 is this module's image-difference detector, 9 its live-cam detector; 0, 1 and 3 to 8
-// are the host's own detector kinds; anything above 9 is unknown (and may be stored).
-enum DetectorType : int {
-    DET_TYPE_HOST_0 = 0,
-    DET_TYPE_HOST_1 = 1,
-    DET_TYPE_IMG_DIFF = 2,
-    DET_TYPE_HOST_LAST = 8,
-    DET_TYPE_LIVE_CAM = 9,
-};
 
 TW_EXPORT extern const char* szDetectorHandler;
 TW_EXPORT extern const char* szLiveCamDetHandler;

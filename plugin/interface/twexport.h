@@ -1,5 +1,5 @@
-// The one export macro of the module: everything else is hidden, so the dynamic symbol
-// table holds the module's interface and nothing more.
+// The export macro is part of the installed host API (tw/export.h), because the functor
+// templates that a host shares with the module carry it.
 #pragma once
 
-#define TW_EXPORT __attribute__((visibility("default")))
+#include "tw/export.h"

@@ -12,6 +12,7 @@ extern "C" {
 
 #include "cliutil.h"
 #include "commands.h"
+#include "twhost/plugin.h"
 #include "version.h"
 
 namespace {
@@ -62,7 +63,8 @@ int main(int argc, char** argv) {
     app.failure_message(FailureMessage);
     app.footer("Run 'twhost help COMMAND' for the options of a command, 'twhost --version' for versions.\n"
                "Exit codes: 0 success, 1 failure of the input or the run, 2 usage, 130/143 after "
-               "SIGINT/SIGTERM, 141 when the reader of standard output went away.");
+               "SIGINT/SIGTERM, 141 when the reader of standard output went away.\n" +
+               tw::host::PluginModule::SearchOrderHelp());
     int exitCode = 0;
     RegisterDetectCommand(app, exitCode);
     RegisterSampleCommand(app, exitCode);

@@ -1,6 +1,6 @@
 // Objects the host drives by function ID, and the handler records that bind an ID of a
 // handler to a functor of the plug-in's tables (the functors themselves are declared in
-// the plug-in's interface/handlerutils.h).
+// tw/handlerutils.h, which the plug-in and every host share).
 #pragma once
 
 #include <map>

@@ -6,8 +6,9 @@
 //
 //   file:PATH                    a WAV file (WavFileAudioSink)
 //   http://[USER:PASS@]HOST[:PORT]/PATH
+//   https://[USER:PASS@]HOST[:PORT]/PATH
 //                                an HTTP endpoint as IP cameras and speakers take audio
-//                                (HttpAudioSink)
+//                                (HttpAudioSink, through libcurl)
 //   memory:                      keeps the bytes in memory (MemoryAudioSink), for tests
 //
 // followed optionally by "#" and fault options separated by commas. The fragment never
@@ -142,18 +143,27 @@ private:
     std::atomic<int64_t> m_DataBytes{0};
 };
 
-// Sends audio to an HTTP endpoint in one POST per connection, with
-// "Transfer-Encoding: chunked": Connect opens the TCP connection and sends the request
-// head, SendData sends one chunk, Disconnect sends the last chunk and reads the server's
-// status line (2xx is success). Content types: "audio/L8", "audio/L16" or "audio/L24"
+// Sends audio to an HTTP or HTTPS endpoint in one POST per connection, with
+// "Transfer-Encoding: chunked", through libcurl: Connect opens the connection and sends the
+// request head, SendData sends one chunk, Disconnect sends the last chunk and waits for the
+// server's status (2xx is success). Content types: "audio/L8", "audio/L16" or "audio/L24"
 // with ";rate=R;channels=C" for PCM, "audio/PCMU" and "audio/PCMA" (same parameters) for
 // G.711. L16 and L24 are big-endian on the wire: the sink turns the little-endian samples
 // it is given around, carrying a sample split between two sends over to the next one.
-// Connecting, sending and reading the status each give up after the time-out (3 s unless
-// set). A server that answers or closes before the end of the body fails the next send.
+//
+// Credentials in the URL go out as Basic authentication with the request head, which then
+// waits for the server's "100 Continue" (at most a second) before the audio; a server that
+// answers with a Digest challenge instead gets Digest, at once and on every later
+// connection. HTTPS checks the server's certificate against the system's CAs, or the file
+// given with SetCaFile.
+//
+// Connecting (libcurl's connect time-out), handing over a chunk and waiting for the status
+// each give up after the time-out (3 s unless set). A server that answers or closes before
+// the end of the body fails the next send. The last error is libcurl's message where it
+// has one ("Failed to connect to 127.0.0.1 port 1 ...: Connection refused").
 class HttpAudioSink : public AudioSink {
 public:
-    // url: "http://[USER:PASS@]HOST[:PORT]/PATH"; false with error for anything else.
+    // url: "http[s]://[USER:PASS@]HOST[:PORT]/PATH"; false with error for anything else.
     static bool ParseUrl(const std::string& url, std::string& host, int& port,
                          std::string& path, std::string& userInfo, std::string& error);
     // The Content-Type for a format; empty with error when the sink cannot carry it.
@@ -163,9 +173,15 @@ public:
     HttpAudioSink(const std::string& url, const CAM_CAP_AUDIO_OUT_FORMAT& format);
     ~HttpAudioSink() override;
     std::string Describe() const override;
+    // Set before Connect.
     void SetTimeoutMs(int timeoutMs) { m_TimeoutMs = timeoutMs; }
+    // PEM file of the CAs that an HTTPS server's certificate must chain to (default: the
+    // system's).
+    void SetCaFile(const std::string& path);
     // Status code of the last finished request; 0 before the first.
     int GetLastStatus() const { return m_LastStatus.load(); }
+    // Whether the server asked for Digest authentication (and gets it).
+    bool UsesDigest() const { return m_blDigest.load(); }
 
 protected:
     bool DoConnect(std::string& error) override;
@@ -173,27 +189,25 @@ protected:
     bool DoDisconnect(std::string& error) override;
 
 private:
-    bool SendAll(const char* data, size_t size, std::string& error);
-    // The server spoke (or closed) before the body ended; false with error if so.
-    bool CheckServerQuiet(std::string& error);
-    // Reads the final status line of the answer (skipping interim 1xx answers).
-    bool ReadStatus(int& status, std::string& error);
-    // A complete answer head in m_strResponse: its status, and the head removed.
-    bool TakeHead(int& status);
-    void CloseSocket();
+    struct Transfer;
+    // A new request, up to libcurl's taking it over.
+    bool Start(std::string& error);
+    // The request ended early: error says how, and the request is dropped.
+    bool Fail(const std::string& what, std::string& error);
 
-    std::string m_strUrl;
-    std::string m_strHost;
-    int m_Port = 80;
-    std::string m_strPath;
-    std::string m_strUserInfo;
+    std::string m_strWireUrl;           // without credentials and fragment
+    std::string m_strShown;             // for messages
+    std::string m_strUser;
+    std::string m_strPassword;
+    bool m_blCredentials = false;
+    std::atomic<bool> m_blDigest{false};
     std::string m_strContentType;
     int m_SampleBytes = 1;              // bytes turned around per sample (1: none)
     int m_TimeoutMs = 3000;
-    int m_Fd = -1;
+    std::mutex m_ConfigMutex;
+    std::string m_strCaFile;
     std::vector<char> m_Carry;          // start of a sample split by the caller
-    std::vector<char> m_Chunk;          // reused chunk buffer
-    std::string m_strResponse;          // what the server has sent so far
+    std::unique_ptr<Transfer> m_pTransfer;
     std::atomic<int> m_LastStatus{0};
 };
 

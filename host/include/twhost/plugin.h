@@ -6,16 +6,18 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
-#include "actionrule/ioactionExecutor.h"
-#include "camera/audioout.h"
-#include "interface/detectorhandler.h"
 #include "tw/handler.h"
+#include "tw/handlerutils.h"
+#include "tw/workers.h"
 
 class Camera;
 class EventBuf;
 class StreamFifo;
 class FetcherBase;
+class DeviceAPIHandler;
+class IOModuleStatus;
 
 namespace tw::host {
 
@@ -102,8 +104,20 @@ public:
     // Opens the library with RTLD_NOW and resolves every entry point; null and an error
     // naming the path and the missing symbol on failure.
     static std::unique_ptr<PluginModule> Load(const std::string& path, std::string& error);
-    // $TWHOST_PLUGIN, else libtwdevplugin.so in ../lib next to the running executable.
+    // Where a host finds the plug-in when it is not told: $TWHOST_PLUGIN when set, else the
+    // first of SearchPath() that exists, else the install's plug-in folder (so that the
+    // error names where it should be).
     static std::string DefaultPath();
+    // The places looked at, in order: libtwdevplugin.so next to the running executable, in
+    // ../lib from it (a build tree), and in the plug-in folder of the install that the host
+    // library belongs to (LIBDIR/twhost/plugins beside libtwhost.so, then the folder of the
+    // configured install prefix).
+    static std::vector<std::string> SearchPath();
+    // The plug-in folder of the configured install prefix, e.g.
+    // "/usr/lib/x86_64-linux-gnu/twhost/plugins".
+    static std::string InstalledPluginDir();
+    // The search order in words, for a command's --help.
+    static std::string SearchOrderHelp();
     ~PluginModule();
 
     DPObjectBase* TWMotionDetFactory(Camera* camera, EventBuf* eventBuf, StreamFifo* fifo,
