@@ -9,7 +9,8 @@ PACKAGES=(build-essential cmake pkg-config
           libjsoncpp-dev libjpeg62-turbo-dev
           libavformat-dev libavcodec-dev libswscale-dev libswresample-dev libavutil-dev
           libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
-          libmodbus-dev)
+          libmodbus-dev
+          chromium)   # the browser test of twhost detect --report (headless)
 
 . scripts/packages.sh
 ensure_packages "${PACKAGES[@]}"
