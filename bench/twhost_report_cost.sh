@@ -37,10 +37,10 @@ echo "clip:     1920x1080 H.264, $DURATION s"
     exit 1
 }
 
-# CPU seconds of this shell's finished children so far (second line of "times", written to
-# a file: in a command substitution it would run in a subshell without those children).
+# CPU seconds of this shell's finished children so far, from the second line of "times".
+# "times" must run in this shell (see run), with its output in a file: in a command
+# substitution it would run in a subshell, which has no finished children.
 children_cpu() {
-    times >"$WORK/times.txt"
     awk 'NR == 2 {
         total = 0;
         for (i = 1; i <= 2; ++i) { split($i, t, /[ms]/); total += t[1] * 60 + t[2] }
@@ -51,12 +51,14 @@ children_cpu() {
 # run VARIANT ARGS...: one detect run; appends its CPU seconds to $WORK/VARIANT.txt.
 run() {
     variant=$1; shift
+    times >"$WORK/times.txt"
     before=$(children_cpu)
     if ! "$TWHOST" detect "$CLIP" --json "$@" >"$WORK/detect.json" 2>"$WORK/detect.err"; then
         echo "twhost_report_cost: twhost detect $* failed:" >&2
         cat "$WORK/detect.err" >&2
         exit 1
     fi
+    times >"$WORK/times.txt"
     after=$(children_cpu)
     cpu=$(echo "$before $after" | awk '{ printf "%.3f", $2 - $1 }')
     intervals=$(grep '"type":"summary"' "$WORK/detect.json" | grep -o '"start"' | wc -l)

@@ -431,9 +431,10 @@ bool DetectReport::WriteHtml(const Input& in, const std::string& version, std::s
              watched, Html(m_Settings.regionText.size() > 80 ? m_Settings.regionText.substr(0, 80) + "..." : m_Settings.regionText).c_str());
     h += buf;
     h += "<tr><td>Turn</td><td class=\"num\">300 ms</td><td>Every turn the detector takes the newest key frame "
-         "(every frame for JPEG), shrinks it to at most 120 pixels wide (blurred 5 &times; 5 for codecs other than "
-         "JPEG) and compares it with a background that follows each frame by a tenth of the difference. The first "
-         "frames after the start only set up the background.</td></tr>\n</table>\n";
+         "(the newest picture for JPEG), shrinks it (other codecs: to at most 120 pixels wide, then blurred 5 "
+         "&times; 5; JPEG: to a sixteenth, unblurred) and compares it in grey with a background that follows each "
+         "frame by a tenth of the difference, at least one level. A turn without a new frame reports nothing. The "
+         "first frames after the start only set up the background.</td></tr>\n</table>\n";
 
     // Input.
     h += "<h2>Input</h2>\n<table id=\"input\">\n";
