@@ -297,6 +297,14 @@ TEST_F(DetectReport, ExistingPageIsReplacedOnlyWithOverwrite) {
     const ChildResult y = Twhost({"detect", "--report", page, "-y"});
     ASSERT_TRUE(y.exited && y.exitCode == 0) << y.Describe() << y.err;
     EXPECT_TRUE(Contains(ReadAll(page), "<h1>Motion report</h1>"));
+
+    // A folder that is not there is said before the run, naming it.
+    const std::string nowhere = m_Dir.File("missing/r.html");
+    const ChildResult missing = Twhost({"detect", "--report", nowhere, "--json"});
+    ASSERT_TRUE(missing.exited) << missing.Describe();
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_EQ(missing.out, "");
+    EXPECT_TRUE(Contains(missing.err, "cannot write the report into '" + m_Dir.File("missing") + "'")) << missing.err;
 }
 
 TEST_F(DetectReport, LongInputKeepsEveryIntervalThinsTheLineAndCapsTheSnapshots) {

@@ -337,6 +337,16 @@ int RunDetect(const DetectOptions& opt) {
         fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
         return twcli::kExitFailure;
     }
+    if (!opt.report.empty()) {
+        // The page is written at the end of the run; a folder it cannot go into is said now,
+        // not after an hour of video.
+        const size_t slash = opt.report.find_last_of('/');
+        const std::string folder = slash == std::string::npos ? "." : (slash == 0 ? "/" : opt.report.substr(0, slash));
+        if (access(folder.c_str(), W_OK) != 0) {
+            fprintf(stderr, "%s: cannot write the report into '%s': %s\n", kCmd, folder.c_str(), strerror(errno));
+            return twcli::kExitFailure;
+        }
+    }
     if (!opt.snapshotDir.empty() && !PrepareSnapshotDir(opt.snapshotDir, opt.overwrite, error)) {
         fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
         return twcli::kExitFailure;
