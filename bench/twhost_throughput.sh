@@ -65,9 +65,9 @@ while [ "$run" -le "$RUNS" ]; do
     times >"$WORK/times.txt"
     cpuAfter=$(children_cpu)
     # The summary is the last line holding the three figures.
-    summary=$(grep '"wall_seconds"' "$WORK/detect.json" | tail -n 1)
+    summary=$(grep '"wallSeconds"' "$WORK/detect.json" | tail -n 1)
     if [ -z "$summary" ]; then
-        echo "twhost_throughput: no summary with wall_seconds in the output of run $run" >&2
+        echo "twhost_throughput: no summary with wallSeconds in the output of run $run" >&2
         exit 1
     fi
     echo "$summary" | awk -v run="$run" -v cpu="$(echo "$cpuBefore $cpuAfter" | awk '{print $2 - $1}')" '
@@ -78,7 +78,9 @@ while [ "$run" -le "$RUNS" ]; do
             return s;
         }
         {
-            video = field("stream_seconds"); wall = field("wall_seconds"); frames = field("frames");
+            # "t" of the summary is the length of video judged (JsonCpp writes keys in
+            # order, and no object before it has a "t").
+            video = field("t"); wall = field("wallSeconds"); frames = field("frames");
             if (video == "" || wall == "" || wall + 0 <= 0) { print "bad summary: " $0 > "/dev/stderr"; exit 1 }
             printf "run %d: %.3f s of video in %.3f s wall (%s frames): %.2f video s per wall s; %.2f s CPU\n",
                    run, video, wall, frames, video / wall, cpu > "/dev/stderr";

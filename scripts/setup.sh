@@ -10,7 +10,8 @@ PACKAGES=(build-essential cmake pkg-config
           libavformat-dev libavcodec-dev libswscale-dev libswresample-dev libavutil-dev
           libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
           libmodbus-dev libcurl4-openssl-dev
-          help2man lintian libssl-dev)
+          help2man lintian libssl-dev
+          chromium)   # the browser test of twhost detect --report (headless)
 
 . scripts/packages.sh
 ensure_packages "${PACKAGES[@]}"

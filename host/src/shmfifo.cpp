@@ -3,13 +3,17 @@
 
 #include "twhost/shmfifo.h"
 
+#include "twhost/frameobserver.h"
+
 #include <pthread.h>
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <mutex>
 #include <cstdio>
 #include <chrono>
 #include <cstdlib>
@@ -124,6 +128,29 @@ void* AttachExisting(key_t key) {
 
 // The newest frame (key frame when keyOnly), copied into a new[] buffer. Returns 0 with
 // frame null when there is none.
+// The observer of frames handed out (frameobserver.h). g_blShmObserver spares the readers
+// the mutex while nobody observes; the mutex is held across the call, so that a removed
+// observer is never called after SetShmFrameObserver returned.
+std::mutex g_ShmObserverMutex;
+FrameObserver g_ShmObserver;
+std::atomic<bool> g_blShmObserver{false};
+
+void TellShmObserver(const unsigned char* frame, int size, const ShmEntry& entry) {
+    if (!g_blShmObserver.load(std::memory_order_acquire)) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(g_ShmObserverMutex);
+    if (!g_ShmObserver) {
+        return;
+    }
+    HandedFrame handed;
+    handed.data = std::make_shared<const std::vector<unsigned char>>(frame, frame + size);
+    handed.id = entry.id;
+    handed.keyFrame = entry.key != 0;
+    handed.ptsUs = entry.ptsUs;
+    g_ShmObserver(handed);
+}
+
 int ReadNewest(ShmHeader* h, bool keyOnly, int& id, unsigned char*& frame, int& size,
                DATA_ENTRY_INFO* pInfo) {
     frame = nullptr;
@@ -173,6 +200,7 @@ int ReadNewest(ShmHeader* h, bool keyOnly, int& id, unsigned char*& frame, int& 
             pInfo->ptsUs = entry.ptsUs;
             pInfo->blKeyFrame = entry.key;
         }
+        TellShmObserver(frame, size, entry);
         return 0;
     }
     return 0;
@@ -207,6 +235,12 @@ bool KeyFromBase(uint64_t offset, const std::string& what, key_t& key, std::stri
 }
 
 }  // namespace
+
+void SetShmFrameObserver(FrameObserver observer) {
+    std::lock_guard<std::mutex> lock(g_ShmObserverMutex);
+    g_ShmObserver = std::move(observer);
+    g_blShmObserver.store(static_cast<bool>(g_ShmObserver), std::memory_order_release);
+}
 
 bool LiveStreamShmKey(int camId, int streamNo, key_t& key, std::string& error) {
     // Ids above 0x7fff would reach the key ranges of the devices' other records.

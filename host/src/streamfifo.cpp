@@ -2,6 +2,8 @@
 
 #include "twhost/streamfifo.h"
 
+#include "twhost/frameobserver.h"
+
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -83,6 +85,8 @@ struct StreamFifo::Impl {
 
     std::function<void()> m_Puller;
     tw::host::FifoStats m_Stats;
+    // Shared so that a read can call it outside m_Mutex while it is being replaced.
+    std::shared_ptr<const tw::host::FrameObserver> m_pObserver;
 
     void Pull() {
         std::lock_guard<std::mutex> pullLock(m_PullMutex);
@@ -110,11 +114,28 @@ struct StreamFifo::Impl {
         }
     }
 
-    MediaBlock* HandOut(const FifoEntry& entry) {
+    // Caller holds m_Mutex; observer receives what to tell once the lock is released.
+    MediaBlock* HandOut(const FifoEntry& entry, std::shared_ptr<const tw::host::FrameObserver>& observer,
+                        tw::host::HandedFrame& handed) {
         ++m_Stats.blocksHandedOut;
+        observer = m_pObserver;
+        if (observer) {
+            handed.data = entry.data;
+            handed.id = entry.id;
+            handed.keyFrame = entry.key;
+            handed.ptsUs = entry.ptsUs;
+        }
         return new MediaUnit(entry.id, entry.data, entry.key, entry.ptsUs);
     }
 };
+
+namespace {
+
+void Tell(const std::shared_ptr<const tw::host::FrameObserver>& observer, const tw::host::HandedFrame& handed) {
+    if (observer && *observer) (*observer)(handed);
+}
+
+}  // namespace
 
 StreamFifo::StreamFifo() : m_pImpl(new Impl) {}
 
@@ -129,20 +150,34 @@ int StreamFifo::GetTotalBufSize() {
 
 MediaBlock* StreamFifo::GetLastBlock(int lastId) {
     m_pImpl->Pull();
-    std::lock_guard<std::mutex> lock(m_pImpl->m_Mutex);
-    if (m_pImpl->m_Ring.empty() || m_pImpl->m_Ring.back().id == lastId) {
-        return nullptr;
+    std::shared_ptr<const tw::host::FrameObserver> observer;
+    tw::host::HandedFrame handed;
+    MediaBlock* block = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(m_pImpl->m_Mutex);
+        if (m_pImpl->m_Ring.empty() || m_pImpl->m_Ring.back().id == lastId) {
+            return nullptr;
+        }
+        block = m_pImpl->HandOut(m_pImpl->m_Ring.back(), observer, handed);
     }
-    return m_pImpl->HandOut(m_pImpl->m_Ring.back());
+    Tell(observer, handed);
+    return block;
 }
 
 MediaBlock* StreamFifo::GetLastITypeBlock(int lastId) {
     m_pImpl->Pull();
-    std::lock_guard<std::mutex> lock(m_pImpl->m_Mutex);
-    if (!m_pImpl->m_LastKey || m_pImpl->m_LastKey->id == lastId) {
-        return nullptr;
+    std::shared_ptr<const tw::host::FrameObserver> observer;
+    tw::host::HandedFrame handed;
+    MediaBlock* block = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(m_pImpl->m_Mutex);
+        if (!m_pImpl->m_LastKey || m_pImpl->m_LastKey->id == lastId) {
+            return nullptr;
+        }
+        block = m_pImpl->HandOut(*m_pImpl->m_LastKey, observer, handed);
     }
-    return m_pImpl->HandOut(*m_pImpl->m_LastKey);
+    Tell(observer, handed);
+    return block;
 }
 
 ES_FORMAT StreamFifo::GetESFormat() {
@@ -212,6 +247,12 @@ void SetFifoPuller(StreamFifo& fifo, std::function<void()> puller) {
     StreamFifo::Impl& impl = *fifo.GetImpl();
     std::lock_guard<std::mutex> pullLock(impl.m_PullMutex);
     impl.m_Puller = std::move(puller);
+}
+
+void SetFifoFrameObserver(StreamFifo& fifo, FrameObserver observer) {
+    StreamFifo::Impl& impl = *fifo.GetImpl();
+    std::lock_guard<std::mutex> lock(impl.m_Mutex);
+    impl.m_pObserver = observer ? std::make_shared<const FrameObserver>(std::move(observer)) : nullptr;
 }
 
 void ClearFifo(StreamFifo& fifo) {

@@ -1,8 +1,10 @@
 // twhost detect: one motion detector of the plug-in, driven through a DetectorHandler and
 // function IDs as a recorder drives it, on a file, a network stream, the shared-memory live
 // FIFO of a "twhost stream" process, or the built-in sample.
+#include <dirent.h>
 #include <signal.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,15 +26,18 @@ extern "C" {
 #include "commands.h"
 #include "stopsignals.h"
 #include "detectoutput.h"
+#include "detectreport.h"
 #include "tw/decode.h"
 #include "twhost/clipmaker.h"
 #include "twhost/clock.h"
 #include "twhost/eventlog.h"
+#include "twhost/frameobserver.h"
 #include "twhost/logsink.h"
 #include "twhost/mediasource.h"
 #include "twhost/plugin.h"
 #include "twhost/shmfifo.h"
 #include "twhost/stores.h"
+#include "twhost/streamfifo.h"
 
 namespace {
 
@@ -53,6 +58,10 @@ struct DetectOptions {
     double duration = 0;
     std::string plugin;
     int logLevel = 3;
+    std::string report;          // --report: the HTML page
+    std::string snapshotDir;     // --snapshots: JPEG files
+    int snapshotIntervals = 20;
+    bool overwrite = false;
 };
 
 const char* const kCmd = "twhost detect";
@@ -79,6 +88,47 @@ const char* CodecName(int codec) {
 }
 
 bool IsUrl(const std::string& s) { return s.find("://") != std::string::npos; }
+
+// The directory for --snapshots: made when missing; one that holds snapshots already is
+// used only with -y, whose files of the same names are then replaced.
+bool PrepareSnapshotDir(const std::string& dir, bool overwrite, std::string& error) {
+    struct stat st {};
+    if (stat(dir.c_str(), &st) != 0) {
+        if (mkdir(dir.c_str(), 0777) != 0) {
+            error = "cannot create the snapshot directory '" + dir + "': " + strerror(errno);
+            return false;
+        }
+        return true;
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        error = "'" + dir + "' is not a directory (--snapshots)";
+        return false;
+    }
+    if (access(dir.c_str(), W_OK) != 0) {
+        error = "cannot write into '" + dir + "': " + strerror(errno);
+        return false;
+    }
+    if (overwrite) return true;
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr) {
+        error = "cannot read the directory '" + dir + "': " + strerror(errno);
+        return false;
+    }
+    bool holds = false;
+    while (const dirent* e = readdir(d)) {
+        const std::string name = e->d_name;
+        if (name.rfind("snapshot-", 0) == 0 && name.size() > 4 && name.compare(name.size() - 4, 4, ".jpg") == 0) {
+            holds = true;
+            break;
+        }
+    }
+    closedir(d);
+    if (holds) {
+        error = "'" + dir + "' holds snapshots already; add -y (--overwrite) to replace them";
+        return false;
+    }
+    return true;
+}
 
 // Opening a damaged input makes libavformat and the decoders complain once per packet they
 // try; that would bury the one line that says which input is unusable and why. Silenced
@@ -283,6 +333,24 @@ int RunDetect(const DetectOptions& opt) {
         fprintf(stderr, "%s: --shm reads the live FIFO of --camera-id; give no SOURCE with it\n", kCmd);
         return twcli::kExitUsage;
     }
+    if (!opt.report.empty() && !twcli::CheckOutputFile(opt.report, opt.overwrite, {opt.source}, error)) {
+        fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
+        return twcli::kExitFailure;
+    }
+    if (!opt.report.empty()) {
+        // The page is written at the end of the run; a folder it cannot go into is said now,
+        // not after an hour of video.
+        const size_t slash = opt.report.find_last_of('/');
+        const std::string folder = slash == std::string::npos ? "." : (slash == 0 ? "/" : opt.report.substr(0, slash));
+        if (access(folder.c_str(), W_OK) != 0) {
+            fprintf(stderr, "%s: cannot write the report into '%s': %s\n", kCmd, folder.c_str(), strerror(errno));
+            return twcli::kExitFailure;
+        }
+    }
+    if (!opt.snapshotDir.empty() && !PrepareSnapshotDir(opt.snapshotDir, opt.overwrite, error)) {
+        fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
+        return twcli::kExitFailure;
+    }
 
     // Taken by this thread alone from here on: every thread started later (the pump, the
     // detector) inherits the mask.
@@ -395,8 +463,37 @@ int RunDetect(const DetectOptions& opt) {
                                                 std::to_string(opt.streamNo)
                                           : (expected.empty() ? input : std::string("the built-in sample"));
     printer.Begin(described, CodecName(codec), virtualTime, expected);
+
+    // --report / --snapshots: the FIFO tells which frame it hands the detector, the event
+    // buffer which status follows; the pair is the picture and the value of one turn.
+    std::unique_ptr<DetectReport> report;
+    if (!opt.report.empty() || !opt.snapshotDir.empty()) {
+        DetectReport::Options reportOptions;
+        reportOptions.reportPath = opt.report;
+        reportOptions.snapshotDir = opt.snapshotDir;
+        reportOptions.maxIntervals = opt.snapshotIntervals;
+        reportOptions.framePtsOnClock = !opt.shm;
+        DetectReport::Settings reportSettings;
+        reportSettings.sensitivity = opt.sensitivity;
+        reportSettings.threshold = opt.threshold;
+        reportSettings.shortLive = opt.shortLive;
+        reportSettings.regionText = opt.region;
+        reportSettings.region = region;
+        report = std::make_unique<DetectReport>(reportOptions, reportSettings, codec,
+                                                opt.shm ? shmFormat.extra : source.GetExtraData(), epochUs);
+        DetectReport* r = report.get();
+        if (opt.shm) {
+            tw::host::SetShmFrameObserver([r](const tw::host::HandedFrame& f) { r->Handed(f); });
+        } else {
+            tw::host::SetFifoFrameObserver(fifo, [r](const tw::host::HandedFrame& f) { r->Handed(f); });
+        }
+    }
     EventBuf events(opt.camId);
-    tw::host::SetEventListener(events, [&printer](const tw::host::EventRecord& r) { printer.Event(r); });
+    DetectReport* reportPtr = report.get();
+    tw::host::SetEventListener(events, [&printer, reportPtr](const tw::host::EventRecord& r) {
+        const bool accepted = printer.Event(r);
+        if (reportPtr != nullptr) reportPtr->Status(r, accepted);
+    });
 
     DPObjectBase* det = module->TWMotionDetFactory(&camera, &events, opt.shm ? nullptr : &fifo, nullptr);
     std::unique_ptr<tw::host::DetectorHandlerProxy> handler = module->NewDetectorHandler();
@@ -455,6 +552,13 @@ int RunDetect(const DetectOptions& opt) {
     handler.reset();
     if (pump) pump->Stop();
     tw::host::SetEventListener(events, nullptr);
+    if (report) {
+        if (opt.shm) {
+            tw::host::SetShmFrameObserver(nullptr);
+        } else {
+            tw::host::SetFifoFrameObserver(fifo, nullptr);
+        }
+    }
 
     DetectPrinter::Summary summary;
     summary.endUs = dataEnded ? pump->GetEndTimeUs() : clock.NowUs();
@@ -502,6 +606,61 @@ int RunDetect(const DetectOptions& opt) {
     summary.watchStartWallUs = epochUs + wallOffsetUs;
     summary.connectSec = connectSec;
     summary.probeSec = probeSec;
+    if (report) {
+        report->Finish(static_cast<double>(summary.endUs - epochUs) / 1e6);
+        summary.snapshots = report->SnapshotCount();
+        if (!opt.report.empty()) summary.settings["report"] = opt.report;
+        if (!opt.snapshotDir.empty()) summary.settings["snapshotDir"] = opt.snapshotDir;
+        summary.settings["snapshotIntervals"] = opt.snapshotIntervals;
+    }
+    if (report && !opt.report.empty()) {
+        DetectReport::Input in;
+        in.described = described;
+        in.codec = CodecName(codec);
+        in.width = opt.shm ? shmFormat.width : source.GetWidth();
+        in.height = opt.shm ? shmFormat.height : source.GetHeight();
+        const double judgedSec = static_cast<double>(summary.endUs - epochUs) / 1e6;
+        if (!live && dataEndSec >= 0) {
+            in.durationSec = dataEndSec;
+            in.durationNote = "(to the last packet";
+            if (announcedSec > 0) {
+                char text[96];
+                snprintf(text, sizeof(text), "; the container announces %.2f s", announcedSec);
+                in.durationNote += text;
+            }
+            in.durationNote += ")";
+        } else {
+            in.durationSec = judgedSec;
+            in.durationNote = live ? "(watched)" : "(judged)";
+        }
+        if (codec == VIDEO_CODEC_JPEG) {
+            in.keyFrames = "every frame (JPEG pictures)";
+        } else if (pump && pump->GetKeyFrameCount() > 0) {
+            const double perKey = static_cast<double>(pump->GetPacketCount()) / static_cast<double>(pump->GetKeyFrameCount());
+            char text[160];
+            snprintf(text, sizeof(text), "every %.1f frames on average (%llu key frames in %llu frames)", perKey,
+                     static_cast<unsigned long long>(pump->GetKeyFrameCount()),
+                     static_cast<unsigned long long>(pump->GetPacketCount()));
+            in.keyFrames = text;
+            const double frameSec = static_cast<double>(source.GetFrameIntervalUs()) / 1e6;
+            if (frameSec > 0) {
+                snprintf(text, sizeof(text), ", i.e. every %.2f s", perKey * frameSec);
+                in.keyFrames += text;
+            }
+        } else {
+            in.keyFrames = report->KeyFramesSeen();
+        }
+        in.timeMode = virtualTime ? "virtual time (judged as live, as fast as decoding allows)" : "real time";
+        if (live) in.watchStart = twcli::IsoUtc(summary.watchStartWallUs);
+        in.endReason = endReason;
+        in.frames = summary.frames;
+        in.framesKnown = summary.framesKnown;
+        if (!report->WriteHtml(in, std::string("twhost ") + TW_VERSION, error)) {
+            fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
+            if (rc == 0) rc = twcli::kExitFailure;
+        }
+    }
+    if (report && report->SnapshotFailures() > 0 && rc == 0) rc = twcli::kExitFailure;
     printer.End(summary);
     return rc;
 }
@@ -531,6 +690,16 @@ void RegisterDetectCommand(CLI::App& app, int& exitCode) {
         ->check(twcli::Seconds(false));
     cmd->add_flag("--json", opt->json, "One JSON object per line for every status, then a summary");
     cmd->add_option("--plugin", opt->plugin, "Path of the plug-in library");
+    cmd->add_option("--report", opt->report,
+                    "Write a self-contained HTML page of the run: settings, input, the value of every turn "
+                    "against the threshold, the camera with the grid, and snapshots of each motion interval");
+    cmd->add_option("--snapshots", opt->snapshotDir,
+                    "Write the snapshots (start and highest value of each motion interval) as JPEG files into "
+                    "this directory, named by time");
+    cmd->add_option("--snapshot-intervals", opt->snapshotIntervals,
+                    "Motion intervals that get snapshots, from the first on (default 20)")
+        ->check(twcli::IntIn(0, 1000));
+    cmd->add_flag("-y,--overwrite", opt->overwrite, "Replace an existing --report file and --snapshots files");
     cmd->add_option("--log-level", opt->logLevel,
                     "Plug-in log level 0..7 for every category; the default 3 shows errors only")
         ->check(twcli::IntIn(0, 7));

@@ -14,5 +14,6 @@ void RegisterLiveCamCommand(CLI::App& app, int& exitCode);
 void RegisterIOActionCommand(CLI::App& app, int& exitCode);
 void RegisterAudioOutCommand(CLI::App& app, int& exitCode);
 void RegisterAudioFeedCommand(CLI::App& app, int& exitCode);
+void RegisterRegionCommand(CLI::App& app, int& exitCode);
 
 #endif

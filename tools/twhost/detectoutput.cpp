@@ -33,9 +33,9 @@ void DetectPrinter::CutAt(int64_t endUs, bool inclusive) {
     }
 }
 
-void DetectPrinter::Event(const tw::host::EventRecord& record) {
+bool DetectPrinter::Event(const tw::host::EventRecord& record) {
     std::lock_guard<std::mutex> lock(m_Mutex);
-    if (record.timeUs > m_CutUs || (record.timeUs == m_CutUs && !m_blCutInclusive)) return;
+    if (record.timeUs > m_CutUs || (record.timeUs == m_CutUs && !m_blCutInclusive)) return false;
     m_Events.push_back(record);
     if (record.value > m_MaxValue) m_MaxValue = record.value;
     const double t = Seconds(record.timeUs);
@@ -46,7 +46,7 @@ void DetectPrinter::Event(const tw::host::EventRecord& record) {
         v["value"] = record.value;
         if (m_blLive) v["wallTime"] = twcli::IsoUtc(record.timeUs + m_WallOffsetUs);
         out.Emit(v);
-        return;
+        return true;
     }
     // For people only the changes are worth a line.
     if (record.motion != m_blMotion) {
@@ -58,6 +58,7 @@ void DetectPrinter::Event(const tw::host::EventRecord& record) {
         }
         m_blMotion = record.motion;
     }
+    return true;
 }
 
 size_t DetectPrinter::StatusCount() {
@@ -105,6 +106,7 @@ void DetectPrinter::End(const Summary& s) {
         v["intervals"] = list;
         v["statuses"] = static_cast<Json::UInt64>(m_Events.size());
         v["maxValue"] = m_MaxValue;
+        if (s.snapshots >= 0) v["snapshots"] = s.snapshots;
         if (s.framesKnown) v["frames"] = static_cast<Json::UInt64>(s.frames);
         v["wallSeconds"] = s.wallSeconds;
         if (s.file) {

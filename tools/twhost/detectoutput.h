@@ -21,8 +21,8 @@ public:
     void Begin(const std::string& input, const std::string& codec, bool virtualTime,
                const std::vector<std::pair<double, double>>& expectedMotion);
     // One SetStatus of the detector; called on the detector's thread. Statuses after the
-    // cut-off are not the input's and are left out.
-    void Event(const tw::host::EventRecord& record);
+    // cut-off are not the input's and are left out (false).
+    bool Event(const tw::host::EventRecord& record);
     // Statuses later than endUs (or at and after it, when inclusive is false) are left out.
     void CutAt(int64_t endUs, bool inclusive);
 
@@ -40,6 +40,7 @@ public:
         int64_t watchStartWallUs = 0; // live: wall time at which watching began
         double connectSec = -1;
         double probeSec = -1;
+        int snapshots = -1;           // snapshots taken (--report, --snapshots); -1 none asked
     };
     void End(const Summary& summary);
 

@@ -74,6 +74,7 @@ int main(int argc, char** argv) {
     RegisterIOActionCommand(app, exitCode);
     RegisterAudioOutCommand(app, exitCode);
     RegisterAudioFeedCommand(app, exitCode);
+    RegisterRegionCommand(app, exitCode);
 
     twcli::Out& out = twcli::Out::Get();
     if (argc >= 2) {
