@@ -20,4 +20,4 @@ TSAN_SELECT=(--no-tests=error)
 (cd build-tsan && TW_SHM_KEY_BASE=0x54770000 TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1} \
    ctest -j"$JOBS" --output-on-failure --timeout 600 "${TSAN_SELECT[@]}" -L race "$@")
 echo "== fuzzing the input parsers (bounded)"
-scripts/fuzz.sh -t "${TW_FUZZ_SECONDS:-60}"
+scripts/fuzz.sh -t "${TW_FUZZ_SECONDS:-30}"

@@ -311,9 +311,12 @@ AVCodecContext* OpenDecoder(int codec, const unsigned char* extra, int extraLen,
     pCtx->flags2 = flags2;
     // Frame threading delays every picture by one frame per thread, which would break
     // "a key frame gives its picture in the same call". Slices of one picture can still be
-    // decoded in parallel; the thread count is left to libavcodec (one per core).
+    // decoded in parallel; the thread count is left to libavcodec (one per core). Not for
+    // HEVC: the slice-threaded path of this libavcodec (5.1) reads through a null pointer on
+    // a damaged stream (found by detect_hevc_fuzz; the same input decodes, or fails cleanly,
+    // on one thread), and a camera's bad packet must not take the recorder's daemon down.
     pCtx->thread_type = FF_THREAD_SLICE;
-    pCtx->thread_count = 0;
+    pCtx->thread_count = id == AV_CODEC_ID_HEVC ? 1 : 0;
     const int ret = avcodec_open2(pCtx, pCodec, nullptr);
     if (ret < 0) {
         char szErr[AV_ERROR_MAX_STRING_SIZE];
@@ -343,6 +346,18 @@ int ReceiveNewest(AVCodecContext* pCtx, AVFrame* pScratch, AVFrame* pKeep)
         av_frame_move_ref(pKeep, pScratch);
         got = 1;
     }
+}
+
+// The integer stored in an enum field that libavcodec filled from the stream. Reading the
+// field as its enum type is undefined when the stream put a value there that no enumerator
+// names, so the bytes are read as the int they are.
+template <typename Enum>
+int RawEnumValue(const Enum& field)
+{
+    static_assert(sizeof(Enum) == sizeof(int), "libavutil's colour enums are int-sized");
+    int value = 0;
+    memcpy(&value, &field, sizeof(value));
+    return value;
 }
 
 // The J formats are YUV with full range; libswscale wants the plain format and the range
@@ -585,7 +600,7 @@ int DoFFMpegScale(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& widt
         bool blFullRange = false;
         const AVPixelFormat srcFormat =
             tw::host::PlainPixelFormat(static_cast<AVPixelFormat>(pFrame->format), blFullRange);
-        if (pFrame->color_range == AVCOL_RANGE_JPEG) {
+        if (tw::host::RawEnumValue(pFrame->color_range) == AVCOL_RANGE_JPEG) {
             blFullRange = true;
         }
         attr.pSwsCtx = sws_getContext(pFrame->width, pFrame->height, srcFormat, width, height,
@@ -599,10 +614,14 @@ int DoFFMpegScale(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& widt
         }
         // Colour matrix and range of the stream, taken when the scaler is built: they do
         // not change within a stream without its size or format changing as well.
+        // The decoders copy the stream's 8-bit matrix code as it stands, so a damaged or
+        // hostile stream can carry a value that no enumerator names (MPEG-4 with 228 was
+        // seen); anything unknown gets the default matrix.
+        const int matrix = tw::host::RawEnumValue(pFrame->colorspace);
         const int colorspace =
-            (pFrame->colorspace == AVCOL_SPC_UNSPECIFIED || pFrame->colorspace == AVCOL_SPC_RGB)
+            (matrix <= AVCOL_SPC_RGB || matrix == AVCOL_SPC_UNSPECIFIED || matrix >= AVCOL_SPC_NB)
                 ? SWS_CS_DEFAULT
-                : int(pFrame->colorspace);
+                : matrix;
         sws_setColorspaceDetails(attr.pSwsCtx, sws_getCoefficients(colorspace),
                                  blFullRange ? 1 : 0, sws_getCoefficients(SWS_CS_DEFAULT), 1, 0,
                                  1 << 16, 1 << 16);

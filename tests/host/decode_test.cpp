@@ -671,6 +671,17 @@ TEST(FFMpegInit, BadExtraDataFails)
     DoFFMpegFree(attr, pImage);
 }
 
+// This libavcodec's slice-threaded HEVC path reads through a null pointer on a damaged
+// stream (found by detect_hevc_fuzz): HEVC decodes on one thread, also after a reset.
+TEST(FFMpegInit, HevcDecodesOnOneThread)
+{
+    Decoder dec;
+    ASSERT_EQ(0, dec.Init(VIDEO_CODEC_HEVC)) << tw::host::LastDecodeError();
+    EXPECT_EQ(1, dec.attr.pCodecCtx->thread_count);
+    ASSERT_EQ(0, DoFFMpegResetContext(dec.attr)) << tw::host::LastDecodeError();
+    EXPECT_EQ(1, dec.attr.pCodecCtx->thread_count);
+}
+
 TEST(FFMpegInit, EveryKnownCodecOpensWithSliceThreadingOnly)
 {
     for (int codec : {VIDEO_CODEC_JPEG, VIDEO_CODEC_MPEG4, VIDEO_CODEC_H264, VIDEO_CODEC_HEVC}) {
@@ -758,6 +769,29 @@ TEST(FFMpegScale, OutputIsExactlyWidthTimesHeightTimesThree)
         }
         EXPECT_GE(malloc_usable_size(dec.pImage), size_t(dec.imageSize));
     }
+}
+
+// Decoders copy the stream's colour matrix code as it stands; a damaged MPEG-4 stream gave
+// 228, which no AVColorSpace names. The scaler must take the default matrix for it.
+TEST(FFMpegScale, ColourMatrixCodeThatNoEnumeratorNamesGetsTheDefault)
+{
+    TestVideoSpec videoSpec;
+    videoSpec.codec = VIDEO_CODEC_H264;
+    videoSpec.width = 64;
+    videoSpec.height = 48;
+    videoSpec.frames = 1;
+    const TestVideo video = Encode(videoSpec);
+    Decoder dec;
+    ASSERT_EQ(0, dec.Init(VIDEO_CODEC_H264));
+    ASSERT_EQ(0, dec.Decode(video.packets[0].data));
+    ASSERT_EQ(0, dec.Scale(32, 24)) << tw::host::LastDecodeError();
+    const std::vector<unsigned char> expected(dec.pImage, dec.pImage + dec.imageSize);
+    const int unnamed = 228;
+    memcpy(&dec.attr.pFrame->colorspace, &unnamed, sizeof(unnamed));
+    // Another size, so the scaler is built again from the frame's fields.
+    ASSERT_EQ(0, dec.Scale(32, 22)) << tw::host::LastDecodeError();
+    ASSERT_EQ(0, dec.Scale(32, 24)) << tw::host::LastDecodeError();
+    EXPECT_EQ(expected, std::vector<unsigned char>(dec.pImage, dec.pImage + dec.imageSize));
 }
 
 TEST(FFMpegScale, BufferIsReusedWhenLargeEnough)

@@ -55,6 +55,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadInput{"NumericState", {"{\"do\":\"start\",\"ports\":[0],\"state\":1}"}, "\"state\" must be true or false"},
         BadInput{"AudioWithoutPattern", {"{\"audio\":\"start\"}"}, "missing \"pattern\""},
         BadInput{"NegativeWait", {"{\"wait\":-1}"}, "\"wait\" must be a number of seconds"},
+        BadInput{"WaitBeyondADay", {"{\"wait\":1e300}"}, "\"wait\" must be a number of seconds from 0 to 86400"},
         BadInput{"UnknownRequest", {"{\"blink\":1}"}, "unknown request"},
         // The first request is good: nothing runs when any is bad.
         BadInput{"OneBadAmongGood", {"{\"do\":\"start\",\"ports\":[0]}", "{\"audio\":\"play\"}"},

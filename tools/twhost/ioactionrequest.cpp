@@ -98,8 +98,11 @@ bool ParseIOActionRequest(const std::string& line, IOActionRequest& req, std::st
         return true;
     }
     if (v.isMember("wait")) {
-        if (!v["wait"].isNumeric() || v["wait"].asDouble() < 0) {
-            error = "\"wait\" must be a number of seconds";
+        // The command counts the wait in microseconds of its clock; a day is far more than
+        // any run needs, and a number beyond it (1e300) would not fit that count.
+        constexpr double kMaxWaitSec = 86400.0;
+        if (!v["wait"].isNumeric() || !(v["wait"].asDouble() >= 0) || v["wait"].asDouble() > kMaxWaitSec) {
+            error = "\"wait\" must be a number of seconds from 0 to 86400";
             return false;
         }
         req.kind = IOActionRequest::kWait;
