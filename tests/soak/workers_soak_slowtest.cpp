@@ -501,13 +501,11 @@ void AudioSoak(bool live) {
 TEST(WorkersSoak, AudioOutputLiveStartStop) { AudioSoak(true); }
 
 // A user's (manual) file output that ends by itself and is then started again: the second
-// Start does not stop the first, so the finished thread is never joined, and unless it is
+// Start does not stop the first, so the finished thread is never joined, and unless it were
 // detached its stack (1 MiB) stays mapped for the life of the process. Its task is gone from
 // /proc/self/task, so only the process's address space shows it: the soak compares VmSize
 // after the first block of cycles (allocator and thread caches warm) with the end.
-// Disabled until the output detaches such a thread (the fix is on its way in another
-// branch); run it with --gtest_also_run_disabled_tests.
-TEST(WorkersSoak, DISABLED_AudioOutputManualFileEndingByItselfThenStartedAgain) {
+TEST(WorkersSoak, AudioOutputManualFileEndingByItselfThenStartedAgain) {
     tw::test::ScopedLogCapture log;
     tw::host::DbgLogConfig::Uninstall();
     const int cycles = Cycles();
