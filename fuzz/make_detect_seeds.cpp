@@ -45,17 +45,17 @@ Bytes Seed(unsigned char flags, const std::vector<Record>& records) {
 }
 
 bool Encode(int codec, int width, int height, int frames, int gop, int bFrames, tw::host::EncodedClip& clip) {
-    tw::host::ClipSpec spec;
-    spec.codec = codec;
-    spec.width = width;
-    spec.height = height;
-    spec.fps = 10;
-    spec.gop = gop;
-    spec.bFrames = bFrames;
-    spec.durationSec = double(frames) / spec.fps;
-    spec.motion = {{0.0, spec.durationSec + 1.0}};
+    tw::host::ClipSpec clipSpec;
+    clipSpec.codec = codec;
+    clipSpec.width = width;
+    clipSpec.height = height;
+    clipSpec.fps = 10;
+    clipSpec.gop = gop;
+    clipSpec.bFrames = bFrames;
+    clipSpec.durationSec = double(frames) / clipSpec.fps;
+    clipSpec.motion = {{0.0, clipSpec.durationSec + 1.0}};
     std::string error;
-    if (!tw::host::EncodeClip(spec, clip, error)) {
+    if (!tw::host::EncodeClip(clipSpec, clip, error)) {
         fprintf(stderr, "make_detect_seeds: cannot encode a %dx%d clip: %s\n", width, height, error.c_str());
         return false;
     }
@@ -136,18 +136,18 @@ int main(int argc, char** argv) {
 
     if (jpeg) {
         // Each scale of DecodeJpeg, grey and colour, on a picture of the scene.
-        tw::host::ClipSpec spec;
-        spec.width = 64;
-        spec.height = 48;
-        const Bytes grey = tw::host::RenderSceneGrey(spec, 0.5);
+        tw::host::ClipSpec clipSpec;
+        clipSpec.width = 64;
+        clipSpec.height = 48;
+        const Bytes grey = tw::host::RenderSceneGrey(clipSpec, 0.5);
         Bytes rgb(grey.size() * 3);
         for (size_t i = 0; i < grey.size(); ++i) {
             rgb[3 * i] = grey[i];
             rgb[3 * i + 1] = static_cast<unsigned char>(255 - grey[i]);
             rgb[3 * i + 2] = static_cast<unsigned char>(grey[i] / 2);
         }
-        const Bytes greyJpeg = tw::host::EncodeJpeg(grey.data(), spec.width, spec.height, 1);
-        const Bytes rgbJpeg = tw::host::EncodeJpeg(rgb.data(), spec.width, spec.height, 3);
+        const Bytes greyJpeg = tw::host::EncodeJpeg(grey.data(), clipSpec.width, clipSpec.height, 1);
+        const Bytes rgbJpeg = tw::host::EncodeJpeg(rgb.data(), clipSpec.width, clipSpec.height, 3);
         if (greyJpeg.empty() || rgbJpeg.empty()) {
             fprintf(stderr, "make_detect_seeds: the JPEG encoder gave nothing\n");
             return 1;

@@ -184,17 +184,17 @@ TEST(WorkersSoak, MotionDetectorStartStopOnAClip) {
     auto clock = std::make_shared<tw::host::ManualClock>(0, true);
     tw::host::SetClock(clock);
 
-    tw::host::ClipSpec spec;
-    spec.width = 320;
-    spec.height = 180;
-    spec.gop = 3;
-    spec.durationSec = 0.4;
-    spec.motion = {{0.0, 10.0}};
+    tw::host::ClipSpec clipSpec;
+    clipSpec.width = 320;
+    clipSpec.height = 180;
+    clipSpec.gop = 3;
+    clipSpec.durationSec = 0.4;
+    clipSpec.motion = {{0.0, 10.0}};
     tw::host::EncodedClip clip;
     std::string error;
-    ASSERT_TRUE(tw::host::EncodeClip(spec, clip, error)) << error;
+    ASSERT_TRUE(tw::host::EncodeClip(clipSpec, clip, error)) << error;
     StreamFifo fifo;
-    tw::host::SetFifoFormat(fifo, VIDEO_CODEC_H264, spec.width, spec.height, clip.extraData);
+    tw::host::SetFifoFormat(fifo, VIDEO_CODEC_H264, clipSpec.width, clipSpec.height, clip.extraData);
     for (const tw::host::EncodedFrame& f : clip.frames) {
         tw::host::PushFifoBlock(fifo, std::make_shared<const std::vector<unsigned char>>(f.data), f.keyFrame,
                                 f.ptsUs);

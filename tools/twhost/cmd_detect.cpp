@@ -270,13 +270,13 @@ public:
         close(fd);
         unlink(path);
         m_strPath = std::string(path) + ".mp4";
-        return tw::host::WriteClip(m_Spec, m_strPath, error);
+        return tw::host::WriteClip(m_ClipSpec, m_strPath, error);
     }
     const std::string& Path() const { return m_strPath; }
-    const tw::host::ClipSpec& Spec() const { return m_Spec; }
+    const tw::host::ClipSpec& ClipSpec() const { return m_ClipSpec; }
 
 private:
-    tw::host::ClipSpec m_Spec = tw::host::SampleClipSpec();
+    tw::host::ClipSpec m_ClipSpec = tw::host::SampleClipSpec();
     std::string m_strPath;
 };
 
@@ -365,7 +365,7 @@ int RunDetect(const DetectOptions& opt) {
             return twcli::kExitFailure;
         }
         input = sample.Path();
-        expected = sample.Spec().motion;
+        expected = sample.ClipSpec().motion;
     }
 
     tw::host::MediaSource source;

@@ -129,13 +129,13 @@ int RunRegion(const RegionOptions& opt) {
             close(fd);
             unlink(path);
             tempPath = std::string(path) + ".mp4";
-            tw::host::ClipSpec spec = tw::host::SampleClipSpec();
-            spec.durationSec = std::max(1.0, opt.at + 1.0);
-            if (spec.durationSec > 600) {
+            tw::host::ClipSpec clipSpec = tw::host::SampleClipSpec();
+            clipSpec.durationSec = std::max(1.0, opt.at + 1.0);
+            if (clipSpec.durationSec > 600) {
                 fprintf(stderr, "%s: --at %.2f is past the built-in sample\n", kCmd, opt.at);
                 return twcli::kExitUsage;
             }
-            if (!tw::host::WriteClip(spec, tempPath, error)) {
+            if (!tw::host::WriteClip(clipSpec, tempPath, error)) {
                 fprintf(stderr, "%s: cannot make the built-in sample: %s\n", kCmd, error.c_str());
                 unlink(tempPath.c_str());
                 return twcli::kExitFailure;
