@@ -18,12 +18,6 @@ int ExitForSignal(int sig) {
     return kExitOk;
 }
 
-const char* StopReason(int sig, const char* otherwise) {
-    if (sig == SIGINT) return "interrupted";
-    if (sig == SIGTERM) return "terminated";
-    return otherwise;
-}
-
 Out& Out::Get() {
     static Out out;
     return out;

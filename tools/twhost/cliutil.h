@@ -26,8 +26,6 @@ enum ExitCode : int {
 
 // 130 for SIGINT, 143 for SIGTERM, 0 for none.
 int ExitForSignal(int sig);
-// "interrupted", "terminated", or the text given for none.
-const char* StopReason(int sig, const char* otherwise);
 
 // Standard output of a command. Every line goes through here, so that a write error is
 // noticed once: a closed pipe ends the run quietly, any other error (a full disk) is one

@@ -541,7 +541,7 @@ int RunDetect(const DetectOptions& opt) {
         progress.Show(static_cast<double>(now - epochUs) / 1e6, announcedSec,
                       std::chrono::duration<double>(std::chrono::steady_clock::now() - realStart).count());
         if ((sig = signals.Wait(virtualTime ? 1 : 20)) != 0) {
-            endReason = twcli::StopReason(sig, "");
+            endReason = StopSignals::Why(sig);
             break;
         }
     }

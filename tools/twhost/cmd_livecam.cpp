@@ -192,7 +192,7 @@ int RunLiveCam(const LiveCamOptions& opt) {
                 break;
             }
             if (const int sig = stopSignals.Wait(static_cast<int>((sliceUs + 999) / 1000))) {
-                endReason = twcli::StopReason(sig, "");
+                endReason = StopSignals::Why(sig);
                 rc = twcli::ExitForSignal(sig);
                 break;
             }

@@ -195,7 +195,7 @@ int RunMobiled(const MobiledOptions& opt) {
     while (sig == 0 && !out.Failed()) sig = stopSignals.Wait(500);
     daemon.Stop();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    const char* endReason = twcli::StopReason(sig, "standard output failed");
+    const char* endReason = sig != 0 ? StopSignals::Why(sig) : "standard output failed";
     if (out.Json()) {
         Json::Value v = twcli::Out::Line("summary", seconds);
         Json::Value input(Json::objectValue);
