@@ -14,7 +14,11 @@
 // interrupted and a worker interrupted at work are soaked. Figures (time per cycle, memory) are printed, never
 // asserted.
 //
-//   TW_SOAK_CYCLES=10000 TW_SOAK_LIVECAM_CYCLES=200 build-asan/bin/workers_soak_slowtest
+// WorkersSoak.AllWorkersAtOnce runs them all at the same time instead, each worker type on
+// TW_SOAK_OBJECTS objects (default 10) that share its TW_SOAK_CYCLES between them, so that
+// the pauses overlap and a long run of every worker fits in one process:
+//
+//   TW_SOAK_CYCLES=10000 TW_SOAK_OBJECTS=50 build-asan/bin/workers_soak_slowtest --gtest_filter='*AllWorkersAtOnce'
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -23,6 +27,7 @@
 #include <atomic>
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,6 +36,7 @@
 #include <map>
 #include <sstream>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -427,6 +433,21 @@ void PutSpeaker(int id, const std::shared_ptr<tw::host::AudioSink>& sink) {
     tw::host::DeviceStore::Instance().Put(tw::host::DeviceKind::Speaker, id, record);
 }
 
+// 16000 bytes a second; 4 s of audio and a last, short chunk (a file that ends on a chunk
+// boundary ends with an empty read, which the output treats as a failed send and answers
+// with a 300 ms pause).
+bool WriteSoakWav(const std::string& path) {
+    std::vector<unsigned char> bytes(44 + 64100, 0x11);
+    const unsigned char header[44] = {'R', 'I', 'F', 'F', 0x88, 0xfa, 0, 0, 'W', 'A', 'V', 'E', 'f', 'm', 't', ' ',
+                                      16, 0, 0, 0, 1, 0, 1, 0, 0x40, 0x1f, 0, 0, 0x80, 0x3e, 0, 0,
+                                      2, 0, 16, 0, 'd', 'a', 't', 'a', 0x64, 0xfa, 0, 0};
+    memcpy(bytes.data(), header, sizeof(header));
+    FILE* f = fopen(path.c_str(), "wb");
+    if (f == nullptr) return false;
+    const bool written = fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+    return fclose(f) == 0 && written;
+}
+
 void AudioSoak(bool live) {
     tw::test::ScopedLogCapture log;
     tw::host::DbgLogConfig::Uninstall();
@@ -440,20 +461,7 @@ void AudioSoak(bool live) {
     auto sink = std::make_shared<CountingSink>();
     PutSpeaker(devId, sink);
     const std::string wav = "/tmp/tw_soak_audio_" + std::to_string(getpid()) + ".wav";
-    {
-        // 16000 bytes a second; 4 s of audio and a last, short chunk (a file that ends on a
-        // chunk boundary ends with an empty read, which the output treats as a failed send
-        // and answers with a 300 ms pause).
-        std::vector<unsigned char> bytes(44 + 64100, 0x11);
-        const unsigned char header[44] = {'R', 'I', 'F', 'F', 0x88, 0xfa, 0, 0, 'W', 'A', 'V', 'E', 'f', 'm', 't', ' ',
-                                          16, 0, 0, 0, 1, 0, 1, 0, 0x40, 0x1f, 0, 0, 0x80, 0x3e, 0, 0,
-                                          2, 0, 16, 0, 'd', 'a', 't', 'a', 0x64, 0xfa, 0, 0};
-        memcpy(bytes.data(), header, sizeof(header));
-        FILE* f = fopen(wav.c_str(), "wb");
-        ASSERT_NE(f, nullptr);
-        ASSERT_EQ(fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
-        fclose(f);
-    }
+    ASSERT_TRUE(WriteSoakWav(wav)) << wav;
     std::unique_ptr<tw::host::AudioOutFifoWriter> fifo;
     if (live) {
         fifo = std::make_unique<tw::host::AudioOutFifoWriter>(devId, true);
@@ -556,5 +564,383 @@ TEST(WorkersSoak, AudioOutputManualFileEndingByItselfThenStartedAgain) {
 }
 
 TEST(WorkersSoak, AudioOutputFileStartStop) { AudioSoak(false); }
+
+// ---------------------------------------------------------------------------------------
+// All workers at once
+
+// Every worker type on several objects at once (TW_SOAK_OBJECTS of each, default 10), each
+// object driven by a thread of its own through its share of TW_SOAK_CYCLES, all in this one
+// process and on the real clock, as inside a daemon. The workers' own pauses (the live-cam
+// detector's 3 s after every detection cycle, live audio's 300 ms on an empty FIFO, the
+// executor's second when a request came before its first wait) then overlap instead of
+// adding up, and the workers run against each other: the shared log, the host's stores, the
+// mobile daemon serving every detector at once. The process's counts (descriptors, threads,
+// socket files) are compared before and after the whole run; the objects' own checks run
+// after every cycle as in the tests above.
+//
+//   TW_SOAK_CYCLES=10000 TW_SOAK_OBJECTS=50 build-asan/bin/workers_soak_slowtest --gtest_filter='*AllWorkersAtOnce'
+
+int Objects() { return EnvCount("TW_SOAK_OBJECTS", 10); }
+
+// Cycles of object k when `total` are spread over `objects`.
+int ShareOf(int total, int objects, int k) { return total / objects + (k < total % objects ? 1 : 0); }
+
+// The drivers of all objects, grouped by worker type; runs them all at once and reports
+// per group when its last driver is done.
+class SoakRun {
+public:
+    using Body = std::function<::testing::AssertionResult(int cycles, std::atomic<int>& done)>;
+
+    int AddGroup(const std::string& name) {
+        m_Groups.push_back(std::make_unique<Group>());
+        m_Groups.back()->name = name;
+        return static_cast<int>(m_Groups.size()) - 1;
+    }
+    void Add(int group, int cycles, Body body) {
+        m_Groups[group]->cycles += cycles;
+        ++m_Groups[group]->drivers;
+        m_Drivers.push_back(Driver{group, cycles, std::move(body)});
+    }
+    // True once a driver has failed: the others end after their current cycle.
+    bool Aborted() const { return m_blAbort; }
+
+    void Run() {
+        const Clock::time_point start = Clock::now();
+        m_Left = static_cast<int>(m_Drivers.size());
+        std::vector<std::thread> threads;
+        for (Driver& d : m_Drivers) {
+            threads.emplace_back([this, &d, start] {
+                Group& g = *m_Groups[d.group];
+                const ::testing::AssertionResult result = d.body(d.cycles, g.done);
+                if (!result) {
+                    m_blAbort = true;
+                    ADD_FAILURE() << g.name << ": " << result.message();
+                }
+                std::lock_guard<std::mutex> lock(m_Mutex);
+                if (--g.drivers == 0) g.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+                if (--m_Left == 0) m_Cond.notify_all();
+            });
+        }
+        {
+            // Waits for every driver's end; the time-out only paces the progress lines,
+            // which show a hanging worker type in a long run.
+            std::unique_lock<std::mutex> lock(m_Mutex);
+            while (m_Left > 0) {
+                if (m_Cond.wait_for(lock, std::chrono::seconds(60)) == std::cv_status::timeout && m_Left > 0) {
+                    const double sec = std::chrono::duration<double>(Clock::now() - start).count();
+                    std::string line;
+                    for (const auto& g : m_Groups)
+                        line += " " + g->name + " " + std::to_string(g->done.load()) + "/" + std::to_string(g->cycles) +
+                                ";";
+                    printf("[soak] %.0f s:%s\n", sec, line.c_str());
+                    fflush(stdout);
+                }
+            }
+        }
+        for (std::thread& t : threads) t.join();
+        for (const auto& g : m_Groups) {
+            printf("[soak] %s: %d of %d cycles in %.1f s\n", g->name.c_str(), g->done.load(), g->cycles, g->seconds);
+        }
+        fflush(stdout);
+    }
+
+private:
+    struct Group {
+        std::string name;
+        int cycles = 0;
+        int drivers = 0;   // guarded by m_Mutex once Run has begun
+        std::atomic<int> done{0};
+        double seconds = 0;
+    };
+    struct Driver {
+        int group;
+        int cycles;
+        Body body;
+    };
+    std::vector<std::unique_ptr<Group>> m_Groups;
+    std::vector<Driver> m_Drivers;
+    std::atomic<bool> m_blAbort{false};
+    std::mutex m_Mutex;
+    std::condition_variable m_Cond;
+    int m_Left = 0;
+};
+
+// Keeps several devices' live FIFOs supplied several chunks ahead (see Feeder), with one
+// thread for all of them.
+class MultiFeeder {
+public:
+    MultiFeeder(std::vector<tw::host::AudioOutFifoWriter*> writers, size_t chunk)
+        : m_Writers(std::move(writers)), m_Chunk(chunk) {
+        m_Thread = std::thread([this] {
+            std::vector<unsigned char> block(m_Chunk * 8, 0x55);
+            while (!m_blStop) {
+                for (tw::host::AudioOutFifoWriter* w : m_Writers)
+                    if (w->GetQueuedBytes() < 4 * m_Chunk) w->Write(block.data(), block.size());
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+            }
+        });
+    }
+    ~MultiFeeder() {
+        m_blStop = true;
+        m_Thread.join();
+    }
+
+private:
+    std::vector<tw::host::AudioOutFifoWriter*> m_Writers;
+    size_t m_Chunk;
+    std::atomic<bool> m_blStop{false};
+    std::thread m_Thread;
+};
+
+TEST(WorkersSoak, AllWorkersAtOnce) {
+    tw::test::ScopedLogCapture log;
+    tw::host::DbgLogConfig::Uninstall();
+    tw::host::SetClock(nullptr);   // the real clock: every pause is the worker's own
+    const int cycles = Cycles();
+    const int objects = Objects();
+    ASSERT_LE(objects, 99) << "TW_SOAK_OBJECTS: at most 99 objects of each worker type";
+    const pid_t pid = getpid();
+
+    // The live-cam detectors' socket files live in /tmp, where other processes' detectors
+    // may be at work too: camera ids of this process's own.
+    const int liveCamBase = 100000 + static_cast<int>(pid % 20000) * 100;
+    auto liveCamSocket = [](int camId) { return "/tmp/tw_livecam_detector_" + std::to_string(camId) + ".sock"; };
+    const std::string controlSocket = "/tmp/tw_soak_all_mobiled_" + std::to_string(pid) + ".sock";
+    const std::string wav = "/tmp/tw_soak_all_audio_" + std::to_string(pid) + ".wav";
+    char pattern[] = "/tmp/tw_soak_all_patternXXXXXX";
+
+    const Counts start = Now();
+    const long vmSizeStart = StatusKiB("VmSize:");
+    const long rssStart = StatusKiB("VmRSS:");
+    const Clock::time_point begun = Clock::now();
+    {
+        // Motion detectors: one clip, a FIFO and a camera of its own for each.
+        tw::host::ClipSpec clipSpec;
+        clipSpec.width = 320;
+        clipSpec.height = 180;
+        clipSpec.gop = 3;
+        clipSpec.durationSec = 0.4;
+        clipSpec.motion = {{0.0, 10.0}};
+        tw::host::EncodedClip clip;
+        std::string error;
+        ASSERT_TRUE(tw::host::EncodeClip(clipSpec, clip, error)) << error;
+        std::vector<std::shared_ptr<const std::vector<unsigned char>>> frames;
+        for (const tw::host::EncodedFrame& f : clip.frames)
+            frames.push_back(std::make_shared<const std::vector<unsigned char>>(f.data));
+        std::vector<std::unique_ptr<StreamFifo>> motionFifos;
+        std::vector<std::unique_ptr<Camera>> motionCameras;
+        for (int k = 0; k < objects; ++k) {
+            motionFifos.push_back(std::make_unique<StreamFifo>());
+            tw::host::SetFifoFormat(*motionFifos.back(), VIDEO_CODEC_H264, clipSpec.width, clipSpec.height,
+                                    clip.extraData);
+            for (size_t i = 0; i < clip.frames.size(); ++i)
+                tw::host::PushFifoBlock(*motionFifos.back(), frames[i], clip.frames[i].keyFrame, clip.frames[i].ptsUs);
+            motionCameras.push_back(std::make_unique<Camera>(
+                tw::test::AddCamera(5800 + k, VIDEO_CODEC_H264, tw::host::DetSettingValues())));
+        }
+
+        // Live-cam detectors: one mobile daemon serving them all.
+        tw::host::MobileDaemonOptions options;
+        options.m_strSocketPath = controlSocket;
+        std::istringstream script("0 IsTrig:1 Level:50\n0.2 IsTrig:0 Level:0\n");
+        ASSERT_TRUE(tw::host::ParseMobiledScript(script, "soak", options.m_Script, error)) << error;
+        options.m_blRepeat = true;
+        options.m_blHold = true;
+        tw::host::MobileDaemon daemon(options);
+        ASSERT_TRUE(daemon.Start(error)) << error;
+        tw::host::SetMobiledSocketPath(controlSocket);
+        std::vector<std::unique_ptr<Camera>> liveCamCameras;
+        for (int k = 0; k < objects; ++k)
+            liveCamCameras.push_back(std::make_unique<Camera>(tw::host::MakeCamera(liveCamBase + k, VIDEO_CODEC_H264)));
+
+        // Executors: a module of its own for each, one audio pattern for all.
+        const int patternFd = mkstemp(pattern);
+        ASSERT_GE(patternFd, 0);
+        ASSERT_EQ(write(patternFd, "RIFF", 4), 4);
+        close(patternFd);
+        const int patternId = 3;
+        tw::host::SetAudioPattern(patternId, pattern, 3);
+        tw::host::TakeIORequests();
+
+        // Audio outputs: a speaker and a sink of its own for each; live ones a fed FIFO too.
+        ASSERT_TRUE(WriteSoakWav(wav)) << wav;
+        std::vector<std::shared_ptr<CountingSink>> liveSinks, fileSinks;
+        std::vector<std::unique_ptr<tw::host::AudioOutFifoWriter>> liveFifos;
+        std::vector<tw::host::AudioOutFifoWriter*> fed;
+        for (int k = 0; k < objects; ++k) {
+            liveSinks.push_back(std::make_shared<CountingSink>());
+            PutSpeaker(5900 + k, liveSinks.back());
+            fileSinks.push_back(std::make_shared<CountingSink>());
+            PutSpeaker(6200 + k, fileSinks.back());
+            liveFifos.push_back(std::make_unique<tw::host::AudioOutFifoWriter>(5900 + k, true));
+            ASSERT_TRUE(liveFifos.back()->Open(error)) << error;
+            fed.push_back(liveFifos.back().get());
+        }
+        auto feeder = std::make_unique<MultiFeeder>(fed, 8000);
+        const Counts ready = Now();
+
+        SoakRun run;
+        const int motionGroup = run.AddGroup("motion detector");
+        const int liveCamGroup = run.AddGroup("live-cam detector");
+        const int executorGroup = run.AddGroup("executor");
+        const int liveAudioGroup = run.AddGroup("audio output, live");
+        const int fileAudioGroup = run.AddGroup("audio output, file");
+        for (int k = 0; k < objects; ++k) {
+            const int share = ShareOf(cycles, objects, k);
+            if (share == 0) continue;
+            Camera* motionCamera = motionCameras[k].get();
+            StreamFifo* motionFifo = motionFifos[k].get();
+            run.Add(motionGroup, share, [&run, motionCamera, motionFifo](int n, std::atomic<int>& total) {
+                const int camId = motionCamera->id;
+                for (int done = 0; done < n && !run.Aborted();) {
+                    EventBuf events(camId);
+                    TWMotionDet det(motionCamera, &events, motionFifo, nullptr);
+                    for (int i = 0; i < kCyclesPerObject && done < n && !run.Aborted(); ++i, ++done, ++total) {
+                        const size_t before = tw::host::GetEventHistory(events).size();
+                        const std::string at = "camera " + std::to_string(camId) + " cycle " + std::to_string(done);
+                        if (det.Start() != 0) return ::testing::AssertionFailure() << at << ": Start failed";
+                        if (done % 2 == 1 && !tw::host::WaitForEvents(events, before + 1, kGuardMs))
+                            return ::testing::AssertionFailure() << at << ": no report";
+                        if (det.Stop() != 0) return ::testing::AssertionFailure() << at << ": Stop failed";
+                        if (det.IsActivated()) return ::testing::AssertionFailure() << at << ": active after Stop";
+                        const std::vector<tw::host::EventRecord> history = tw::host::GetEventHistory(events);
+                        if (history.size() <= before || history.back().motion || history.back().value != 0)
+                            return ::testing::AssertionFailure() << at << ": the last word was not \"no motion\"";
+                    }
+                }
+                return ::testing::AssertionSuccess();
+            });
+
+            Camera* liveCamCamera = liveCamCameras[k].get();
+            run.Add(liveCamGroup, share, [&run, &liveCamSocket, liveCamCamera](int n, std::atomic<int>& total) {
+                const int camId = liveCamCamera->id;
+                const std::string socketPath = liveCamSocket(camId);
+                for (int done = 0; done < n && !run.Aborted();) {
+                    EventBuf events(camId);
+                    LiveCamDetector det(liveCamCamera, &events);
+                    for (int i = 0; i < kCyclesPerObject && done < n && !run.Aborted(); ++i, ++done, ++total) {
+                        const size_t before = tw::host::GetEventHistory(events).size();
+                        const std::string at = "camera " + std::to_string(camId) + " cycle " + std::to_string(done);
+                        if (det.Start() != 0) return ::testing::AssertionFailure() << at << ": Start failed";
+                        if (done % 2 == 1 && !WaitUntil([&] {
+                                const std::vector<tw::host::EventRecord> h = tw::host::GetEventHistory(events);
+                                for (size_t j = before; j < h.size(); ++j)
+                                    if (h[j].motion && h[j].value == 50) return true;
+                                return false;
+                            }))
+                            return ::testing::AssertionFailure() << at << ": the daemon's event did not arrive";
+                        if (det.Stop() != 0) return ::testing::AssertionFailure() << at << ": Stop failed";
+                        if (PathExists(socketPath))
+                            return ::testing::AssertionFailure() << at << ": " << socketPath << " left after Stop";
+                        const std::vector<tw::host::EventRecord> history = tw::host::GetEventHistory(events);
+                        if (done % 2 == 1 && history.size() <= before)
+                            return ::testing::AssertionFailure() << at << ": no event";
+                        if (history.size() > before && history.back().motion)
+                            return ::testing::AssertionFailure() << at << ": motion left after Stop";
+                    }
+                }
+                return ::testing::AssertionSuccess();
+            });
+
+            const int moduleId = 6300 + k;
+            run.Add(executorGroup, share, [&run, moduleId, patternId](int n, std::atomic<int>& total) {
+                for (int done = 0; done < n && !run.Aborted();) {
+                    auto emulator = std::make_shared<tw::host::IOModuleEmulator>(4);
+                    tw::host::SetIOModuleBackend(moduleId, emulator);
+                    IOModuleStatus status;
+                    IOActExecutor exec;
+                    for (int i = 0; i < kCyclesPerObject && done < n && !run.Aborted(); ++i, ++done, ++total) {
+                        const std::string at = "module " + std::to_string(moduleId) + " cycle " + std::to_string(done);
+                        if (exec.Init(moduleId, 4, nullptr, &status) != 0)
+                            return ::testing::AssertionFailure() << at << ": Init failed";
+                        std::map<int, IOActExecCond> outputs;
+                        for (int port = 0; port < 4; ++port) outputs[port] = IOActExecCond{false, 0, 0, 5, 0};
+                        std::map<int, IOActExecCond> audio;
+                        audio[IOACT_TYPE_AUDIO_OUT] = IOActExecCond{false, patternId, 3, 1, 0};
+                        exec.DoAction(IOACT_FLAG_DO_TRIGGER, {}, outputs, false);
+                        exec.DoAction(IOACT_FLAG_AUDIO_OUT, audio, {}, false);
+                        if (done % 10 == 1 && !WaitUntil([&] {
+                                std::map<int, int> act, outs;
+                                exec.GetStatus(act, outs);
+                                for (int port = 0; port < 4; ++port)
+                                    if (!emulator->PortState(port) || outs[port] != 1) return false;
+                                return true;
+                            }))
+                            return ::testing::AssertionFailure() << at << ": the outputs did not become active";
+                        if (exec.Terminate() != 0) return ::testing::AssertionFailure() << at << ": Terminate failed";
+                        // The pass after Terminate may switch a pending output on (see the
+                        // executor's soak above): put back for the next cycle.
+                        for (int port = 0; port < 4; ++port) {
+                            std::string error;
+                            if (emulator->PortState(port) && !emulator->SetDigitalOutput(port, false, error))
+                                return ::testing::AssertionFailure() << at << ": " << error;
+                        }
+                        // The host's journal of port requests is the whole process's; kept
+                        // short so that the run does not grow with it.
+                        tw::host::TakeIORequests();
+                    }
+                }
+                return ::testing::AssertionSuccess();
+            });
+
+            for (const bool live : {true, false}) {
+                const int devId = (live ? 5900 : 6200) + k;
+                CountingSink* sink = (live ? liveSinks : fileSinks)[k].get();
+                run.Add(live ? liveAudioGroup : fileAudioGroup, share,
+                        [&run, &wav, live, devId, sink](int n, std::atomic<int>& total) {
+                            for (int done = 0; done < n && !run.Aborted();) {
+                                AudioOut out(devId, DEV_TYPE_SPEAKER);
+                                if (out.Init() != 0) return ::testing::AssertionFailure() << devId << ": Init failed";
+                                for (int i = 0; i < kCyclesPerObject && done < n && !run.Aborted();
+                                     ++i, ++done, ++total) {
+                                    const std::string at =
+                                        "speaker " + std::to_string(devId) + " cycle " + std::to_string(done);
+                                    const int sends = sink->GetCounters().sends;
+                                    if ((live ? out.Start(false) : out.Start(wav, false)) != 0)
+                                        return ::testing::AssertionFailure() << at << ": Start failed";
+                                    if (done % 2 == 1 && !WaitUntil([&] { return sink->GetCounters().sends > sends; }))
+                                        return ::testing::AssertionFailure() << at << ": nothing sent";
+                                    if (out.Stop() != 0) return ::testing::AssertionFailure() << at << ": Stop failed";
+                                    if (out.IsManualOutputing())
+                                        return ::testing::AssertionFailure() << at << ": still outputting";
+                                    const tw::host::AudioSinkCounters c = sink->GetCounters();
+                                    if (c.connects != c.disconnects)
+                                        return ::testing::AssertionFailure()
+                                               << at << ": " << c.connects << " connects, " << c.disconnects
+                                               << " disconnects";
+                                }
+                            }
+                            return ::testing::AssertionSuccess();
+                        });
+            }
+        }
+        run.Run();
+        // Everything the workers started has ended: back to the counts before the run.
+        EXPECT_TRUE(BackTo(ready, "after the run"));
+        for (int k = 0; k < objects; ++k) EXPECT_FALSE(PathExists(liveCamSocket(liveCamBase + k)));
+        daemon.Stop();
+        tw::host::SetMobiledSocketPath(tw::host::kDefaultMobiledSocket);
+        feeder.reset();   // before the FIFOs go: it writes to them
+        for (auto& fifo : liveFifos) fifo->Close();
+    }
+    EXPECT_FALSE(PathExists(controlSocket));
+    EXPECT_TRUE(BackTo(start, "after the soak"));
+    const Counts end = Now();
+    const double sec = std::chrono::duration<double>(Clock::now() - begun).count();
+    printf("[soak] all workers, %d objects of each type: %.1f s; descriptors %d -> %d, threads %d -> %d, "
+           "VmSize %ld -> %ld KiB, VmRSS %ld -> %ld KiB\n",
+           objects, sec, start.fds, end.fds, start.threads, end.threads, vmSizeStart, StatusKiB("VmSize:"), rssStart,
+           StatusKiB("VmRSS:"));
+    fflush(stdout);
+#ifdef TW_SOAK_LSAN
+    EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0) << "LeakSanitizer found leaks (reported above)";
+    printf("[soak] LeakSanitizer: %s\n", ::testing::Test::HasFailure() ? "see above" : "no leak");
+#endif
+    tw::host::ClearIOModuleBackends();
+    tw::host::ClearAudioPatterns();
+    tw::host::DeviceStore::Instance().Clear();
+    std::remove(pattern);
+    std::remove(wav.c_str());
+}
 
 }  // namespace
