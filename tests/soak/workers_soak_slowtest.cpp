@@ -31,6 +31,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -53,6 +54,7 @@
 #include "twhost/devices.h"
 #include "twhost/eventlog.h"
 #include "twhost/iomodule.h"
+#include "twhost/logsink.h"
 #include "twhost/mobiled.h"
 #include "twhost/mobiledaemon.h"
 #include "twhost/stores.h"
@@ -144,12 +146,16 @@ bool PathExists(const std::string& path) {
     return lstat(path.c_str(), &st) == 0;
 }
 
-// Polls a condition (real time) with the hang guard.
+// Polls a condition (real time) with the hang guard. The pause between looks grows to 2 ms:
+// with a hundred waiters at once, fixed short pauses would take the processor from the
+// workers they wait for.
 bool WaitUntil(const std::function<bool()>& pred) {
     const auto deadline = Clock::now() + std::chrono::milliseconds(kGuardMs);
+    std::chrono::microseconds pause(100);
     while (!pred()) {
         if (Clock::now() >= deadline) return pred();
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        std::this_thread::sleep_for(pause);
+        pause = std::min(pause * 2, std::chrono::microseconds(2000));
     }
     return true;
 }
@@ -692,9 +698,45 @@ private:
     std::thread m_Thread;
 };
 
+// Keeps only the last records (a long run would otherwise keep every line it ever logged)
+// and counts them all; a failing cycle quotes its object's recent lines.
+class RecentLogSink : public tw::host::LogSink {
+public:
+    void Write(const tw::host::LogRecord& record) override {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        ++m_Total;
+        m_Recent.push_back(record.message);
+        if (m_Recent.size() > kKeep) m_Recent.pop_front();
+    }
+    // The kept lines that contain `text`, the last ones last.
+    std::string Recent(const std::string& text) {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        std::string lines;
+        for (const std::string& m : m_Recent)
+            if (m.find(text) != std::string::npos) lines += "\n    " + m.substr(0, m.find_last_not_of('\n') + 1);
+        return lines.empty() ? " (no recent log line)" : lines;
+    }
+    uint64_t Total() {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        return m_Total;
+    }
+
+private:
+    static constexpr size_t kKeep = 20000;
+    std::mutex m_Mutex;
+    std::deque<std::string> m_Recent;
+    uint64_t m_Total = 0;
+};
+
 TEST(WorkersSoak, AllWorkersAtOnce) {
-    tw::test::ScopedLogCapture log;
-    tw::host::DbgLogConfig::Uninstall();
+    tw::test::ScopedLogCapture log;   // restores the stderr sink at the end
+    auto recentLog = std::make_shared<RecentLogSink>();
+    tw::host::SetLogSink(recentLog);
+    // The workers' starts, stops and failures (level 4 and below) are logged, as a daemon
+    // would, and kept for a failing cycle's message.
+    tw::host::DbgLogConfig logConfig;
+    logConfig.SetAllCategoryLevels(4);
+    logConfig.Install();
     tw::host::SetClock(nullptr);   // the real clock: every pause is the worker's own
     const int cycles = Cycles();
     const int objects = Objects();
@@ -777,6 +819,7 @@ TEST(WorkersSoak, AllWorkersAtOnce) {
             fed.push_back(liveFifos.back().get());
         }
         auto feeder = std::make_unique<MultiFeeder>(fed, 8000);
+        auto fifoWriter = [&](int devId) { return liveFifos[devId - 5900].get(); };
         const Counts ready = Now();
 
         SoakRun run;
@@ -887,7 +930,7 @@ TEST(WorkersSoak, AllWorkersAtOnce) {
                 const int devId = (live ? 5900 : 6200) + k;
                 CountingSink* sink = (live ? liveSinks : fileSinks)[k].get();
                 run.Add(live ? liveAudioGroup : fileAudioGroup, share,
-                        [&run, &wav, live, devId, sink](int n, std::atomic<int>& total) {
+                        [&run, &wav, &recentLog, &fifoWriter, live, devId, sink](int n, std::atomic<int>& total) {
                             for (int done = 0; done < n && !run.Aborted();) {
                                 AudioOut out(devId, DEV_TYPE_SPEAKER);
                                 if (out.Init() != 0) return ::testing::AssertionFailure() << devId << ": Init failed";
@@ -898,8 +941,22 @@ TEST(WorkersSoak, AllWorkersAtOnce) {
                                     const int sends = sink->GetCounters().sends;
                                     if ((live ? out.Start(false) : out.Start(wav, false)) != 0)
                                         return ::testing::AssertionFailure() << at << ": Start failed";
-                                    if (done % 2 == 1 && !WaitUntil([&] { return sink->GetCounters().sends > sends; }))
-                                        return ::testing::AssertionFailure() << at << ": nothing sent";
+                                    // A live output that finds its FIFO empty 11 times in a row
+                                    // ends by itself; the shared feeder may not get the processor
+                                    // that often with hundreds of threads at work, so the waiting
+                                    // driver tops its own FIFO up.
+                                    if (done % 2 == 1 && !WaitUntil([&] {
+                                            if (live && fifoWriter(devId)->GetQueuedBytes() < 8000) {
+                                                static const std::vector<unsigned char> block(16000, 0x55);
+                                                fifoWriter(devId)->Write(block.data(), block.size());
+                                            }
+                                            return sink->GetCounters().sends > sends;
+                                        }))
+                                        return ::testing::AssertionFailure()
+                                               << at << ": nothing sent, "
+                                               << (live ? fifoWriter(devId)->GetQueuedBytes() : 0)
+                                               << " bytes queued; the device's last log lines:"
+                                               << recentLog->Recent("Device[" + std::to_string(devId) + "]");
                                     if (out.Stop() != 0) return ::testing::AssertionFailure() << at << ": Stop failed";
                                     if (out.IsManualOutputing())
                                         return ::testing::AssertionFailure() << at << ": still outputting";
@@ -927,6 +984,7 @@ TEST(WorkersSoak, AllWorkersAtOnce) {
     EXPECT_TRUE(BackTo(start, "after the soak"));
     const Counts end = Now();
     const double sec = std::chrono::duration<double>(Clock::now() - begun).count();
+    printf("[soak] %llu log lines written\n", static_cast<unsigned long long>(recentLog->Total()));
     printf("[soak] all workers, %d objects of each type: %.1f s; descriptors %d -> %d, threads %d -> %d, "
            "VmSize %ld -> %ld KiB, VmRSS %ld -> %ld KiB\n",
            objects, sec, start.fds, end.fds, start.threads, end.threads, vmSizeStart, StatusKiB("VmSize:"), rssStart,
