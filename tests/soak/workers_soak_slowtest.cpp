@@ -638,7 +638,7 @@ public:
                     for (const auto& g : m_Groups)
                         line += " " + g->name + " " + std::to_string(g->done.load()) + "/" + std::to_string(g->cycles) +
                                 ";";
-                    printf("[soak] %.0f s:%s\n", sec, line.c_str());
+                    printf("[soak] %.0f s:%s VmRSS %ld KiB\n", sec, line.c_str(), StatusKiB("VmRSS:"));
                     fflush(stdout);
                 }
             }
