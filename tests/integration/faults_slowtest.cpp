@@ -517,3 +517,118 @@ TEST(Faults, MobileDaemonKilledMidStreamEndsTheCycleAndANewDaemonIsServedByTheNe
 }
 
 }  // namespace
+
+namespace {
+
+// ---------------------------------------------------------------------------------------
+// The live-FIFO publisher
+
+// The statuses of twhost detect so far.
+std::vector<tw::test::DetectStatus> DetectStatusesSoFar(const ChildProcess& detect) {
+    std::vector<tw::test::DetectStatus> out;
+    for (const Json::Value& v : tw::test::LinesOfType(LinesSoFar(detect), "status"))
+        out.push_back({v["t"].asDouble(), v["motion"].asBool(), v["value"].asInt()});
+    return out;
+}
+
+// Waits until the detector has reported a status after its first `after` ones that passes
+// `want`; returns its index, or -1 with why.
+template <typename Want>
+int WaitForStatus(ChildProcess& detect, size_t after, Want want, const std::string& what, std::string& why) {
+    const auto guard = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    for (;;) {
+        const std::vector<tw::test::DetectStatus> statuses = DetectStatusesSoFar(detect);
+        for (size_t i = after; i < statuses.size(); ++i)
+            if (want(statuses[i])) return static_cast<int>(i);
+        if (!detect.IsRunning()) {
+            const ChildResult r = detect.Wait();
+            why = "twhost detect ended (" + r.Describe() + ") before " + what + ":\n" + r.err;
+            return -1;
+        }
+        if (std::chrono::steady_clock::now() > guard) {
+            why = "no " + what + " within 60 s: " + tw::test::DescribeStatuses(statuses);
+            return -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+TEST(Faults, PublisherKilledUnderTheDetectorLeavesNoMotionAndANewPublisherIsDetected) {
+    av_log_set_level(AV_LOG_ERROR);
+    tw::test::ScopedProcessKeyBase keys(tw::test::kLiveFifoKeyRegion);
+    tw::test::ScopedTempDir dir;
+    ASSERT_TRUE(dir.Ok());
+    // The first publisher's object moves from 1.5 s on: it is killed mid-movement. The
+    // second one's stands still for long enough that the detector settles on its picture
+    // (the object stands elsewhere than in the dead one's last frame) before it moves.
+    tw::host::ClipSpec clip;
+    clip.width = 320;
+    clip.height = 180;
+    clip.codec = VIDEO_CODEC_H264;
+    clip.gop = 6;
+    clip.durationSec = 20.0;
+    clip.motion = {{1.5, 20.0}};
+    const std::string moving = dir.File("moving.mp4");
+    std::string error;
+    ASSERT_TRUE(tw::host::WriteClip(clip, moving, error)) << error;
+    clip.durationSec = 12.0;
+    clip.motion = {{6.0, 12.0}};
+    const std::string later = dir.File("later.mp4");
+    ASSERT_TRUE(tw::host::WriteClip(clip, later, error)) << error;
+
+    const std::string camId = "6";
+    ChildProcess first;
+    ASSERT_TRUE(tw::test::StartPublisher(first, {moving, "--camera-id", camId}, error)) << error;
+    ChildProcess detect;
+    ASSERT_TRUE(detect.Start({TW_TWHOST_BIN, "detect", "--shm", "--camera-id", camId, "--json"}, error)) << error;
+    const auto motion = [](const tw::test::DetectStatus& s) { return s.motion; };
+    const auto still = [](const tw::test::DetectStatus& s) { return !s.motion; };
+    const int moved = WaitForStatus(detect, 0, motion, "motion from the first publisher", error);
+    ASSERT_GE(moved, 0) << error;
+
+    first.Signal(SIGKILL);
+    // Reaped: a zombie would still count as a live publisher.
+    const ChildResult killed = first.Wait();
+    ASSERT_EQ(killed.termSignal, SIGKILL) << killed.Describe();
+    const size_t atKill = DetectStatusesSoFar(detect).size();
+
+    // The detector goes on, with nothing moving any more: once it has settled on the last
+    // picture it reports no motion, and goes on doing so for as long as nobody publishes
+    // (two seconds of its statuses here).
+    const int settled = WaitForStatus(detect, atKill, still, "no motion after the publisher was killed", error);
+    ASSERT_GE(settled, 0) << error;
+    const double settledAt = DetectStatusesSoFar(detect)[static_cast<size_t>(settled)].t;
+    const auto twoSecondsOn = [settledAt](const tw::test::DetectStatus& s) { return s.t >= settledAt + 2.0; };
+    ASSERT_GE(WaitForStatus(detect, static_cast<size_t>(settled), twoSecondsOn,
+                            "statuses over two seconds without a publisher", error),
+              0)
+        << error;
+
+    // The same camera and stream from a new publisher.
+    ChildProcess second;
+    ASSERT_TRUE(tw::test::StartPublisher(second, {later, "--camera-id", camId}, error)) << error;
+    const std::vector<tw::test::DetectStatus> gone = DetectStatusesSoFar(detect);
+    for (size_t i = static_cast<size_t>(settled); i < gone.size(); ++i)
+        EXPECT_FALSE(gone[i].motion) << "motion at " << gone[i].t << " s with no publisher: "
+                                     << tw::test::DescribeStatuses(gone);
+    // Its picture settles, and its object's movement is reported: the detector reads the
+    // new publisher's frames.
+    const int calm = WaitForStatus(detect, gone.size(), still, "no motion from the new publisher", error);
+    ASSERT_GE(calm, 0) << error;
+    ASSERT_GE(WaitForStatus(detect, static_cast<size_t>(calm), motion, "motion from the new publisher", error), 0)
+        << error;
+
+    detect.Signal(SIGTERM);
+    const ChildResult r = detect.Wait();
+    second.Signal(SIGTERM);
+    const ChildResult streamed = second.Wait();
+    ASSERT_TRUE(r.exited) << r.Describe() << "\n" << r.err;
+    EXPECT_EQ(r.exitCode, 143) << r.err;
+    tw::test::DetectJson json;
+    ASSERT_TRUE(tw::test::ParseDetectJson(r.out, json, error)) << error;
+    EXPECT_EQ(json.summary["endReason"].asString(), "terminated");
+    EXPECT_TRUE(streamed.exited && streamed.exitCode == 143) << streamed.Describe() << "\n" << streamed.err;
+    EXPECT_TRUE(Contains(streamed.out, "live FIFO removed")) << streamed.out;
+}
+
+}  // namespace
