@@ -19,18 +19,13 @@
 
 #include "support/childprocess.h"
 #include "support/jsonlines.h"
+#include "support/livefifo.h"
 #include "tw/camera.h"
 #include "twhost/clipmaker.h"
 
 namespace {
 
 constexpr int kCamId = 4;
-
-void UseOwnShmKeys() {
-    char base[32];
-    std::snprintf(base, sizeof(base), "0x%08x", 0x5e000000u + (static_cast<unsigned>(getpid()) % 65536u) * 256u);
-    setenv("TW_SHM_KEY_BASE", base, 1);
-}
 
 size_t Count(const std::string& text, const std::string& part) {
     size_t n = 0;
@@ -39,7 +34,7 @@ size_t Count(const std::string& text, const std::string& part) {
 }
 
 TEST(DetectReportShm, PageOfALiveFifoShowsTheFramesTheDetectorReadFromSharedMemory) {
-    UseOwnShmKeys();
+    tw::test::ScopedProcessKeyBase keys(tw::test::kLiveFifoKeyRegion);
     tw::test::ScopedTempDir dir;
     ASSERT_TRUE(dir.Ok());
     tw::host::ClipSpec clip;
@@ -55,13 +50,7 @@ TEST(DetectReportShm, PageOfALiveFifoShowsTheFramesTheDetectorReadFromSharedMemo
 
     const std::string camId = std::to_string(kCamId);
     tw::test::ChildProcess stream;
-    ASSERT_TRUE(stream.Start({TW_TWHOST_BIN, "stream", clipPath, "--camera-id", camId}, error)) << error;
-    const auto guard = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (stream.PeekOut().find("publishing") == std::string::npos) {
-        ASSERT_TRUE(stream.IsRunning()) << "twhost stream ended before publishing:\n" << stream.Wait().err;
-        ASSERT_LT(std::chrono::steady_clock::now(), guard) << "twhost stream never started publishing";
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    ASSERT_TRUE(tw::test::StartPublisher(stream, {clipPath, "--camera-id", camId}, error)) << error;
 
     const std::string page = dir.File("live.html");
     const tw::test::ChildResult r = tw::test::RunChild(
