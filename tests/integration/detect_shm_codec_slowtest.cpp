@@ -47,12 +47,7 @@ TEST(DetectShmCodec, MjpegPublisherIsDecodedAsMjpegWithoutBeingTold) {
     tw::test::ScopedProcessKeyBase keys(tw::test::kLiveFifoKeyRegion);
     tw::test::ScopedTempDir dir;
     ASSERT_TRUE(dir.Ok());
-    tw::host::ClipSpec clip;
-    clip.width = 320;
-    clip.height = 180;
-    clip.codec = VIDEO_CODEC_JPEG;
-    clip.durationSec = 4.0;
-    clip.motion = {{1.0, 3.0}};
+    const tw::host::ClipSpec clip = tw::test::SmallClip(VIDEO_CODEC_JPEG, 4.0, {{1.0, 3.0}});
     const std::string clipPath = dir.File("live.mkv");
     std::string error;
     ASSERT_TRUE(tw::host::WriteClip(clip, clipPath, error)) << error;

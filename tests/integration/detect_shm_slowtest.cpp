@@ -45,13 +45,7 @@ TEST(DetectShm, DetectorReadingTheLiveFifoOfAnotherProcessReportsTheMovementAndN
 
     // Eight seconds: the detector settles and learns in the first seconds, the object moves
     // in the middle.
-    tw::host::ClipSpec clip;
-    clip.width = 320;
-    clip.height = 180;
-    clip.codec = VIDEO_CODEC_H264;
-    clip.gop = 6;
-    clip.durationSec = 8.0;
-    clip.motion = {{3.5, 6.0}};
+    const tw::host::ClipSpec clip = tw::test::SmallClip(VIDEO_CODEC_H264, 8.0, {{3.5, 6.0}});
     const std::string clipPath = dir.File("live.mp4");
     std::string error;
     ASSERT_TRUE(tw::host::WriteClip(clip, clipPath, error)) << error;

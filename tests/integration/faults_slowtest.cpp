@@ -45,6 +45,12 @@ using tw::test::ChildResult;
 
 bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
+// Stops a child as a user's SIGTERM does, and collects it.
+ChildResult Terminated(ChildProcess& child) {
+    child.Signal(SIGTERM);
+    return child.Wait();
+}
+
 // Every line checked against the command's README table.
 std::vector<Json::Value> CheckedLines(const std::string& command, const std::string& out) {
     std::vector<Json::Value> lines;
@@ -485,10 +491,8 @@ TEST(Faults, MobileDaemonKilledMidStreamEndsTheCycleAndANewDaemonIsServedByTheNe
     ASSERT_TRUE(tw::test::WaitForOutput(again, "\"listening\"", error)) << error;
     ASSERT_TRUE(WaitForLevel(livecam, 80, error)) << error;
 
-    livecam.Signal(SIGTERM);
-    const ChildResult r = livecam.Wait();
-    again.Signal(SIGTERM);
-    const ChildResult served = again.Wait();
+    const ChildResult r = Terminated(livecam);
+    const ChildResult served = Terminated(again);
     ASSERT_TRUE(r.exited) << r.Describe() << "\n" << r.err;
     EXPECT_EQ(r.exitCode, 143) << r.err;
     const std::vector<Json::Value> lines = CheckedLines("twhost livecam", r.out);
@@ -561,20 +565,13 @@ TEST(Faults, PublisherKilledUnderTheDetectorLeavesNoMotionAndANewPublisherIsDete
     // The first publisher's object moves from 1.5 s on: it is killed mid-movement. The
     // second one's stands still for long enough that the detector settles on its picture
     // (the object stands elsewhere than in the dead one's last frame) before it moves.
-    tw::host::ClipSpec clip;
-    clip.width = 320;
-    clip.height = 180;
-    clip.codec = VIDEO_CODEC_H264;
-    clip.gop = 6;
-    clip.durationSec = 20.0;
-    clip.motion = {{1.5, 20.0}};
     const std::string moving = dir.File("moving.mp4");
     std::string error;
-    ASSERT_TRUE(tw::host::WriteClip(clip, moving, error)) << error;
-    clip.durationSec = 12.0;
-    clip.motion = {{6.0, 12.0}};
+    ASSERT_TRUE(tw::host::WriteClip(tw::test::SmallClip(VIDEO_CODEC_H264, 20.0, {{1.5, 20.0}}), moving, error))
+        << error;
     const std::string later = dir.File("later.mp4");
-    ASSERT_TRUE(tw::host::WriteClip(clip, later, error)) << error;
+    ASSERT_TRUE(tw::host::WriteClip(tw::test::SmallClip(VIDEO_CODEC_H264, 12.0, {{6.0, 12.0}}), later, error))
+        << error;
 
     const std::string camId = "6";
     ChildProcess first;
@@ -618,10 +615,8 @@ TEST(Faults, PublisherKilledUnderTheDetectorLeavesNoMotionAndANewPublisherIsDete
     ASSERT_GE(WaitForStatus(detect, static_cast<size_t>(calm), motion, "motion from the new publisher", error), 0)
         << error;
 
-    detect.Signal(SIGTERM);
-    const ChildResult r = detect.Wait();
-    second.Signal(SIGTERM);
-    const ChildResult streamed = second.Wait();
+    const ChildResult r = Terminated(detect);
+    const ChildResult streamed = Terminated(second);
     ASSERT_TRUE(r.exited) << r.Describe() << "\n" << r.err;
     EXPECT_EQ(r.exitCode, 143) << r.err;
     tw::test::DetectJson json;
