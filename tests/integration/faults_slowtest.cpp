@@ -12,9 +12,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
-#include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <mutex>
@@ -182,8 +183,8 @@ TEST(Faults, WavSinkOnDevFullFailsAtOnceNamingTheFile) {
 namespace {
 
 // An HTTP server on loopback that accepts every connection and then never reads from it nor
-// answers: a device whose audio task hangs. Its receive buffer is small, so that a sender
-// fills it within a fraction of a second.
+// answers: a device whose audio task hangs. Its receive buffer is small, so that what the
+// sender writes piles up in the sender's own buffers; the request is never answered.
 class StalledHttpServer {
 public:
     StalledHttpServer() {
