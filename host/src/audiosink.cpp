@@ -185,6 +185,7 @@ int AudioSink::Disconnect() {
         std::lock_guard<std::mutex> lock(m_StateMutex);
         m_blConnected = false;
         ++m_Counters.disconnects;
+        if (!ok) ++m_Counters.disconnectFailures;
     }
     if (!ok) {
         SetError(Describe() + ": " + error);
@@ -247,6 +248,16 @@ WavFileAudioSink::~WavFileAudioSink() { CloseOnDestruction(); }
 std::string WavFileAudioSink::Describe() const { return "WAV file '" + m_strPath + "'"; }
 
 int64_t WavFileAudioSink::GetDataBytes() const { return m_DataBytes.load(); }
+
+std::string WavFileAudioSink::GetWriteError() const {
+    std::lock_guard<std::mutex> lock(m_WriteErrorMutex);
+    return m_strWriteError;
+}
+
+void WavFileAudioSink::NoteWriteError(const std::string& error) {
+    std::lock_guard<std::mutex> lock(m_WriteErrorMutex);
+    if (m_strWriteError.empty()) m_strWriteError = Describe() + ": " + error;
+}
 
 bool WavFileAudioSink::WriteHeader(std::string& error) {
     const std::vector<unsigned char> header =
@@ -311,9 +322,15 @@ bool WavFileAudioSink::DoSend(const char* data, size_t size, std::string& error)
     const size_t written = std::fwrite(data, 1, size, m_pFile);
     if (written != size || std::fflush(m_pFile) != 0) {
         error = std::string("cannot write: ") + std::strerror(errno);
-        // Whatever part went out is not audio the caller was told about.
+        NoteWriteError(error);
+        // Whatever part went out is not audio the caller was told about: it is cut off, so
+        // that the file stays a WAV whose header counts all of its audio.
         std::clearerr(m_pFile);
-        std::fseek(m_pFile, static_cast<long>(m_HeaderBytes + m_DataBytes.load()), SEEK_SET);
+        const int64_t end = static_cast<int64_t>(m_HeaderBytes) + m_DataBytes.load();
+        std::fseek(m_pFile, static_cast<long>(end), SEEK_SET);
+        if (ftruncate(fileno(m_pFile), static_cast<off_t>(end)) != 0) {
+            // A device such as /dev/full cannot be cut; it holds no file to keep valid.
+        }
         return false;
     }
     m_DataBytes += static_cast<int64_t>(size);
@@ -338,6 +355,7 @@ bool WavFileAudioSink::DoDisconnect(std::string& error) {
         ok = false;
     }
     m_pFile = nullptr;
+    if (!ok) NoteWriteError(error);
     return ok;
 }
 

@@ -334,6 +334,21 @@ bool ShmStreamPublisher::Open(std::string& error) {
         ShmHeader* h = HeaderOf(old);
         const bool ours = statOk && ds.shm_segsz >= sizeof(ShmHeader) && IsReady(h);
         const int pid = ours ? __atomic_load_n(&h->publisherPid, __ATOMIC_ACQUIRE) : 0;
+        if (ours && pid != 0 && !ProcessAlive(pid) && ds.shm_segsz >= total && h->totalBytes == total &&
+            h->dataBytes == m_DataBytes && h->entryCount == static_cast<uint32_t>(m_Entries)) {
+            // Left behind by a publisher that died (killed, crashed) and laid out as ours:
+            // taken over in place. Readers keep the segment they attached, and a detector
+            // reading it then gets this publisher's frames; a new segment would leave it
+            // watching the dead one's last picture for good.
+            if (!TakeOver(old, error)) {
+                shmdt(old);
+                return false;
+            }
+            m_ShmId = oldId;
+            m_pShm = old;
+            m_Pushed = 0;
+            return true;
+        }
         shmdt(old);
         if (!ours) {
             // Someone else's segment under our key: not ours to remove.
@@ -390,6 +405,29 @@ bool ShmStreamPublisher::Open(std::string& error) {
     m_ShmId = id;
     m_pShm = p;
     m_Pushed = 0;
+    return true;
+}
+
+bool ShmStreamPublisher::TakeOver(void* shm, std::string& error) {
+    ShmHeader* h = HeaderOf(shm);
+    if (!LockShm(h)) {
+        error = "cannot lock the live FIFO of camera " + std::to_string(m_CamId) + " stream " +
+                std::to_string(m_StreamNo) + " left by a publisher that is gone";
+        return false;
+    }
+    // The ring starts empty, so that readers wait for this publisher's first frame instead
+    // of the dead one's last. The data head keeps counting: a reader copying an old frame
+    // right now still sees whether it was overwritten.
+    std::memset(EntriesOf(h), 0, sizeof(ShmEntry) * h->entryCount);
+    h->writeCount = 0;
+    h->lastKeySeq = 0;
+    h->codec = 0;
+    h->width = 0;
+    h->height = 0;
+    h->extraLen = 0;
+    std::memset(h->extra, 0, sizeof(h->extra));
+    __atomic_store_n(&h->publisherPid, static_cast<int32_t>(getpid()), __ATOMIC_RELEASE);
+    UnlockShm(h);
     return true;
 }
 

@@ -302,11 +302,16 @@ TEST_F(ShmFifoTest, SegmentOfAPublisherThatDiedIsTakenOver) {
     ASSERT_EQ(WEXITSTATUS(status), 0);
     const int staleId = shmget(KeyOf(7210, 0), 0, 0);
     ASSERT_GE(staleId, 0);
+    // A reader that attached while the dead publisher's segment was there, as a detector
+    // running across the publisher's death has.
+    FifoPtr before(LiveStreamFifoAt(7210, 0));
+    ASSERT_NE(before, nullptr);
 
     ShmStreamPublisher publisher(7210, 0);
     std::string error;
     ASSERT_TRUE(publisher.Open(error)) << error;
-    EXPECT_NE(publisher.GetShmId(), staleId);
+    // Taken over in place, so that the reader follows.
+    EXPECT_EQ(publisher.GetShmId(), staleId);
     FifoPtr fifo(LiveStreamFifoAt(7210, 0));
     ASSERT_NE(fifo, nullptr);
     int id = -1;
@@ -314,6 +319,14 @@ TEST_F(ShmFifoTest, SegmentOfAPublisherThatDiedIsTakenOver) {
     unsigned char* frame = nullptr;
     ASSERT_EQ(fifo->ReadLatest(id, frame, size, false), 0);
     EXPECT_EQ(frame, nullptr);   // a fresh ring
+    ASSERT_EQ(before->ReadLatestIFrame(id, frame, size, nullptr), 0);
+    EXPECT_EQ(frame, nullptr);   // not the dead publisher's last frame
+
+    const Bytes key = Pattern(9, 2000);
+    ASSERT_GE(publisher.Push(key.data(), key.size(), true, 0), 0);
+    ASSERT_EQ(before->ReadLatestIFrame(id, frame, size, nullptr), 0);
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(Take(frame, size), key);
 }
 
 TEST_F(ShmFifoTest, ForeignSegmentUnderTheKeyIsLeftAlone) {

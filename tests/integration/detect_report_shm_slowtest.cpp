@@ -19,18 +19,13 @@
 
 #include "support/childprocess.h"
 #include "support/jsonlines.h"
+#include "support/livefifo.h"
 #include "tw/camera.h"
 #include "twhost/clipmaker.h"
 
 namespace {
 
 constexpr int kCamId = 4;
-
-void UseOwnShmKeys() {
-    char base[32];
-    std::snprintf(base, sizeof(base), "0x%08x", 0x5e000000u + (static_cast<unsigned>(getpid()) % 65536u) * 256u);
-    setenv("TW_SHM_KEY_BASE", base, 1);
-}
 
 size_t Count(const std::string& text, const std::string& part) {
     size_t n = 0;
@@ -39,29 +34,17 @@ size_t Count(const std::string& text, const std::string& part) {
 }
 
 TEST(DetectReportShm, PageOfALiveFifoShowsTheFramesTheDetectorReadFromSharedMemory) {
-    UseOwnShmKeys();
+    tw::test::ScopedProcessKeyBase keys(tw::test::kLiveFifoKeyRegion);
     tw::test::ScopedTempDir dir;
     ASSERT_TRUE(dir.Ok());
-    tw::host::ClipSpec clip;
-    clip.width = 320;
-    clip.height = 180;
-    clip.codec = VIDEO_CODEC_H264;
-    clip.gop = 6;
-    clip.durationSec = 8.0;
-    clip.motion = {{3.5, 6.0}};
+    const tw::host::ClipSpec clip = tw::test::SmallClip(VIDEO_CODEC_H264, 8.0, {{3.5, 6.0}});
     const std::string clipPath = dir.File("live.mp4");
     std::string error;
     ASSERT_TRUE(tw::host::WriteClip(clip, clipPath, error)) << error;
 
     const std::string camId = std::to_string(kCamId);
     tw::test::ChildProcess stream;
-    ASSERT_TRUE(stream.Start({TW_TWHOST_BIN, "stream", clipPath, "--camera-id", camId}, error)) << error;
-    const auto guard = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (stream.PeekOut().find("publishing") == std::string::npos) {
-        ASSERT_TRUE(stream.IsRunning()) << "twhost stream ended before publishing:\n" << stream.Wait().err;
-        ASSERT_LT(std::chrono::steady_clock::now(), guard) << "twhost stream never started publishing";
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    ASSERT_TRUE(tw::test::StartPublisher(stream, {clipPath, "--camera-id", camId}, error)) << error;
 
     const std::string page = dir.File("live.html");
     const tw::test::ChildResult r = tw::test::RunChild(

@@ -22,6 +22,7 @@ extern "C" {
 #include "support/childprocess.h"
 #include "support/detecttimeline.h"
 #include "support/jsonlines.h"
+#include "support/livefifo.h"
 #include "tw/camera.h"
 #include "twhost/clipmaker.h"
 
@@ -31,13 +32,6 @@ using tw::test::ChildResult;
 using tw::test::DetectJson;
 
 bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-// Segments of this test get keys of their own; publisher and readers inherit the variable.
-void UseOwnShmKeys() {
-    char base[32];
-    std::snprintf(base, sizeof(base), "0x%08x", 0x5d000000u + (static_cast<unsigned>(getpid()) % 65536u) * 256u);
-    setenv("TW_SHM_KEY_BASE", base, 1);
-}
 
 // An ISO 8601 UTC time with milliseconds: "2026-11-23T11:40:05.123Z".
 bool IsIsoUtc(const std::string& text) {
@@ -50,29 +44,18 @@ bool IsIsoUtc(const std::string& text) {
 
 TEST(DetectShmCodec, MjpegPublisherIsDecodedAsMjpegWithoutBeingTold) {
     av_log_set_level(AV_LOG_ERROR);
-    UseOwnShmKeys();
+    tw::test::ScopedProcessKeyBase keys(tw::test::kLiveFifoKeyRegion);
     tw::test::ScopedTempDir dir;
     ASSERT_TRUE(dir.Ok());
-    tw::host::ClipSpec clip;
-    clip.width = 320;
-    clip.height = 180;
-    clip.codec = VIDEO_CODEC_JPEG;
-    clip.durationSec = 4.0;
-    clip.motion = {{1.0, 3.0}};
+    const tw::host::ClipSpec clip = tw::test::SmallClip(VIDEO_CODEC_JPEG, 4.0, {{1.0, 3.0}});
     const std::string clipPath = dir.File("live.mkv");
     std::string error;
     ASSERT_TRUE(tw::host::WriteClip(clip, clipPath, error)) << error;
 
     const std::string camId = "7";
     tw::test::ChildProcess stream;
-    ASSERT_TRUE(stream.Start({TW_TWHOST_BIN, "stream", clipPath, "--camera-id", camId, "--loop", "--json"}, error))
+    ASSERT_TRUE(tw::test::StartPublisher(stream, {clipPath, "--camera-id", camId, "--loop", "--json"}, error))
         << error;
-    const auto guard = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!Contains(stream.PeekOut(), "\"publishing\"")) {
-        ASSERT_TRUE(stream.IsRunning()) << "twhost stream ended before publishing:\n" << stream.Wait().err;
-        ASSERT_LT(std::chrono::steady_clock::now(), guard) << "twhost stream never started publishing";
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
 
     const ChildResult detected = tw::test::RunChild(
         {TW_TWHOST_BIN, "detect", "--shm", "--camera-id", camId, "--duration", "2", "--json"});
@@ -121,7 +104,7 @@ TEST(DetectShmCodec, MjpegPublisherIsDecodedAsMjpegWithoutBeingTold) {
 }
 
 TEST(DetectShmCodec, NoPublisherIsOneErrorNamingTheCameraAndHowToStartOne) {
-    UseOwnShmKeys();
+    tw::test::ScopedProcessKeyBase keys(tw::test::kLiveFifoKeyRegion);
     const ChildResult r = tw::test::RunChild({TW_TWHOST_BIN, "detect", "--shm", "--camera-id", "8", "--duration", "1"});
     ASSERT_TRUE(r.exited) << r.Describe();
     EXPECT_EQ(r.exitCode, 1);

@@ -20,6 +20,7 @@ extern "C" {
 
 #include "support/childprocess.h"
 #include "support/detecttimeline.h"
+#include "support/livefifo.h"
 #include "tw/camera.h"
 #include "twhost/clipmaker.h"
 
@@ -35,44 +36,25 @@ constexpr int kCamId = 3;
 // publisher paces itself on a busy machine.
 constexpr double kSkewSec = 0.5;
 
-// Segments of this test get keys of their own, so that parallel runs or a recorder on the
-// same machine never meet them. Publisher and reader inherit the variable.
-void UseOwnShmKeys() {
-    char base[32];
-    std::snprintf(base, sizeof(base), "0x%08x", 0x5c000000u + (static_cast<unsigned>(getpid()) % 65536u) * 256u);
-    setenv("TW_SHM_KEY_BASE", base, 1);
-}
-
 TEST(DetectShm, DetectorReadingTheLiveFifoOfAnotherProcessReportsTheMovementAndNothingBefore) {
     av_log_set_level(AV_LOG_ERROR);
-    UseOwnShmKeys();
+    // Segments of this test get keys of their own, which publisher and reader inherit.
+    tw::test::ScopedProcessKeyBase keys(tw::test::kLiveFifoKeyRegion);
     tw::test::ScopedTempDir dir;
     ASSERT_TRUE(dir.Ok());
 
     // Eight seconds: the detector settles and learns in the first seconds, the object moves
     // in the middle.
-    tw::host::ClipSpec clip;
-    clip.width = 320;
-    clip.height = 180;
-    clip.codec = VIDEO_CODEC_H264;
-    clip.gop = 6;
-    clip.durationSec = 8.0;
-    clip.motion = {{3.5, 6.0}};
+    const tw::host::ClipSpec clip = tw::test::SmallClip(VIDEO_CODEC_H264, 8.0, {{3.5, 6.0}});
     const std::string clipPath = dir.File("live.mp4");
     std::string error;
     ASSERT_TRUE(tw::host::WriteClip(clip, clipPath, error)) << error;
 
     const std::string camId = std::to_string(kCamId);
     tw::test::ChildProcess stream;
-    ASSERT_TRUE(stream.Start({TW_TWHOST_BIN, "stream", clipPath, "--camera-id", camId}, error)) << error;
-    // The publisher announces itself once the segment exists and its clock runs.
-    const auto guard = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (stream.PeekOut().find("publishing") == std::string::npos) {
-        ASSERT_TRUE(stream.IsRunning()) << "twhost stream ended before publishing:\n" << stream.Wait().err;
-        ASSERT_LT(std::chrono::steady_clock::now(), guard) << "twhost stream never started publishing";
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    ASSERT_TRUE(tw::test::StartPublisher(stream, {clipPath, "--camera-id", camId}, error)) << error;
     const auto published = std::chrono::steady_clock::now();
+    const auto guard = published + std::chrono::seconds(60);
 
     tw::test::ChildProcess detect;
     ASSERT_TRUE(detect.Start({TW_TWHOST_BIN, "detect", "--shm", "--camera-id", camId, "--codec", "h264", "--duration",

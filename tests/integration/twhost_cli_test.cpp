@@ -21,6 +21,7 @@ extern "C" {
 
 #include "support/childprocess.h"
 #include "support/detecttimeline.h"
+#include "support/testenv.h"
 #include "tw/camera.h"
 #include "twhost/clipmaker.h"
 #include "twhost/mediasource.h"
@@ -155,13 +156,7 @@ protected:
     // A small clip of the scene in the test's directory.
     std::string WriteSmallClip(const std::string& name, int codec, double seconds,
                                std::vector<std::pair<double, double>> motion, tw::host::ClipSpec* clipOut = nullptr) {
-        tw::host::ClipSpec clip;
-        clip.width = 320;
-        clip.height = 180;
-        clip.codec = codec;
-        clip.gop = 6;
-        clip.durationSec = seconds;
-        clip.motion = std::move(motion);
+        const tw::host::ClipSpec clip = tw::test::SmallClip(codec, seconds, std::move(motion));
         const std::string path = m_Dir.File(name);
         std::string error;
         EXPECT_TRUE(tw::host::WriteClip(clip, path, error)) << error;

@@ -21,6 +21,7 @@
 #include "support/childprocess.h"
 #include "support/detecttimeline.h"
 #include "support/jsonlines.h"
+#include "support/testenv.h"
 #include "tw/camera.h"
 #include "twhost/clipmaker.h"
 
@@ -53,13 +54,7 @@ protected:
 
     // A small clip (320x180, a key frame every 6 frames) of the given length.
     std::string WriteClip(const std::string& name, double seconds, std::vector<std::pair<double, double>> motion) {
-        tw::host::ClipSpec clip;
-        clip.width = 320;
-        clip.height = 180;
-        clip.codec = VIDEO_CODEC_H264;
-        clip.gop = 6;
-        clip.durationSec = seconds;
-        clip.motion = std::move(motion);
+        const tw::host::ClipSpec clip = tw::test::SmallClip(VIDEO_CODEC_H264, seconds, std::move(motion));
         const std::string path = m_Dir.File(name);
         std::string error;
         EXPECT_TRUE(tw::host::WriteClip(clip, path, error)) << error;

@@ -170,6 +170,31 @@ ChildResult ChildProcess::Wait(int guardSec) {
     return result;
 }
 
+bool WaitForOutput(ChildProcess& child, const std::string& text, std::string& why, int guardSec) {
+    return WaitForOutputAfter(child, 0, text, why, guardSec);
+}
+
+bool WaitForOutputAfter(ChildProcess& child, size_t from, const std::string& text, std::string& why,
+                        int guardSec) {
+    const auto guard = std::chrono::steady_clock::now() + std::chrono::seconds(guardSec);
+    for (;;) {
+        const std::string out = child.PeekOut();
+        if (out.size() > from && out.find(text, from) != std::string::npos) return true;
+        if (!child.IsRunning()) {
+            // One last look: it may have written the text just before it ended.
+            const ChildResult r = child.Wait();
+            if (r.out.size() > from && r.out.find(text, from) != std::string::npos) return true;
+            why = "the child ended (" + r.Describe() + ") before printing '" + text + "':\n" + r.err;
+            return false;
+        }
+        if (std::chrono::steady_clock::now() > guard) {
+            why = "the child printed no '" + text + "' within " + std::to_string(guardSec) + " s";
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
 ChildResult RunChild(const std::vector<std::string>& args, int guardSec) {
     ChildProcess child;
     ChildResult result;

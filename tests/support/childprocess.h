@@ -56,6 +56,15 @@ private:
     std::string m_strErrPath;
 };
 
+// Waits until the child's standard output holds text. False, with why saying what happened
+// (the child ended first, with its stderr; or the guard ran out), when it never did. The
+// guard only keeps a broken child from stalling the suite.
+bool WaitForOutput(ChildProcess& child, const std::string& text, std::string& why, int guardSec = 60);
+
+// Same, for text at or after byte `from` of the output: a line that comes again later.
+bool WaitForOutputAfter(ChildProcess& child, size_t from, const std::string& text, std::string& why,
+                        int guardSec = 60);
+
 // Starts, waits and collects in one call.
 ChildResult RunChild(const std::vector<std::string>& args, int guardSec = 120);
 

@@ -80,6 +80,34 @@ public:
         m_ListenFd = -1;
     }
 
+    // Comes back on the port it served before, with the coils as they were: a module that
+    // was unplugged or rebooted without losing its outputs. After Stop, or a GoAway.
+    bool Restart(After after = After::KeepServing, int count = 0) {
+        Stop();
+        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) {
+            m_strError = std::string("socket: ") + strerror(errno);
+            return false;
+        }
+        const int yes = 1;
+        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        addr.sin_port = htons(static_cast<uint16_t>(m_Port));
+        if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || listen(fd, 1) != 0) {
+            m_strError = "cannot listen again on port " + std::to_string(m_Port) + ": " + strerror(errno);
+            close(fd);
+            return false;
+        }
+        {
+            std::lock_guard<std::mutex> lock(m_FdMutex);
+            m_ListenFd = fd;
+        }
+        Start(after, count);
+        return true;
+    }
+
     bool Coil(int idx) {
         std::lock_guard<std::mutex> lock(m_MapMutex);
         return m_pMap->tab_bits[idx] != 0;

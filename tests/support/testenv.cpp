@@ -25,6 +25,17 @@ ScopedVerboseLog::ScopedVerboseLog() {
     m_Config.Install();
 }
 
+tw::host::ClipSpec SmallClip(int codec, double durationSec, std::vector<std::pair<double, double>> motion) {
+    tw::host::ClipSpec clip;
+    clip.width = 320;
+    clip.height = 180;
+    clip.codec = codec;
+    clip.gop = 6;
+    clip.durationSec = durationSec;
+    clip.motion = std::move(motion);
+    return clip;
+}
+
 ScopedProcessKeyBase::ScopedProcessKeyBase(unsigned regionStart) {
     char base[32];
     const unsigned slot = static_cast<unsigned>(getpid()) % 512u;

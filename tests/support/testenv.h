@@ -4,7 +4,10 @@
 
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "twhost/clipmaker.h"
 #include "twhost/logsink.h"
 #include "twhost/stores.h"
 
@@ -34,6 +37,11 @@ public:
 private:
     tw::host::DbgLogConfig m_Config;
 };
+
+// The small clip of the scene that the twhost tests run on: 320 x 180, so that live runs
+// keep pace on a busy machine, with a key frame every 6 frames, so that each 300 ms turn of
+// the detector finds a new one; the object moves in the given [start, end) seconds.
+tw::host::ClipSpec SmallClip(int codec, double durationSec, std::vector<std::pair<double, double>> motion);
 
 // Moves this process's shared-memory keys (TW_SHM_KEY_BASE) to a base of its own inside
 // a region of 512 slots of 0x80000 keys from regionStart, chosen by the process id, while

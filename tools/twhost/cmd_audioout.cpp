@@ -226,6 +226,7 @@ int RunAudioOut(const AudioOutOptions& opt) {
         std::fprintf(stderr, "%s: bad --sink: %s\n", kCmd, error.c_str());
         return twcli::kExitUsage;
     }
+    const auto wavSink = std::dynamic_pointer_cast<WavFileAudioSink>(sink);
 
     // What the plug-in reads: the user's audio in the device's format, or the file itself.
     TempFile converted;
@@ -338,6 +339,19 @@ int RunAudioOut(const AudioOutOptions& opt) {
                     break;
                 }
             }
+            // A write that failed (a full disk, a quota) fails again on a retry, and the
+            // plug-in would go on reading audio that never lands: the run ends there, and
+            // the file keeps the audio written before.
+            if (wavSink != nullptr) {
+                const std::string text = wavSink->GetWriteError();
+                if (!text.empty()) {
+                    if (text != sinkError) std::fprintf(stderr, "%s: %s\n", kCmd, text.c_str());
+                    sinkError = text;
+                    why = "sink failed";
+                    rc = twcli::kExitFailure;
+                    break;
+                }
+            }
             if (ended) break;
             if (out.Failed()) {
                 why = "standard output failed";
@@ -354,7 +368,14 @@ int RunAudioOut(const AudioOutOptions& opt) {
         }
         output->Stop();
         const AudioSinkCounters c = sink->GetCounters();
-        if (rc == twcli::kExitOk && !logs->Problem().empty()) {
+        // The last audio or the header written as the output stopped.
+        const std::string writeError = wavSink != nullptr ? wavSink->GetWriteError() : std::string();
+        if (rc == twcli::kExitOk && !writeError.empty()) {
+            std::fprintf(stderr, "%s: %s\n", kCmd, writeError.c_str());
+            sinkError = writeError;
+            rc = twcli::kExitFailure;
+            why = "sink failed";
+        } else if (rc == twcli::kExitOk && !logs->Problem().empty()) {
             // The plug-in gave up; why is the sink's to say when it was the sink.
             const std::string text = sink->GetLastError();
             std::fprintf(stderr, "%s: %s%s%s\n", kCmd, logs->Problem().c_str(), text.empty() ? "" : ": ",
@@ -362,6 +383,12 @@ int RunAudioOut(const AudioOutOptions& opt) {
             if (!text.empty()) sinkError = text;
             rc = twcli::kExitFailure;
             why = "failed";
+        } else if (rc == twcli::kExitOk && c.disconnectFailures > 0) {
+            // The sink could not close the audio: a server that stopped taking it gave no
+            // answer, so the device never confirmed what it got.
+            sinkError = sink->GetLastError();
+            std::fprintf(stderr, "%s: %s\n", kCmd, sinkError.c_str());
+            rc = twcli::kExitFailure;
         } else if (rc == twcli::kExitOk && c.connectAttempts > 0 && c.connects == 0) {
             sinkError = sink->GetLastError();
             rc = twcli::kExitFailure;

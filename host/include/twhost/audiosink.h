@@ -54,6 +54,8 @@ struct AudioSinkCounters {
     int sendCalls = 0;            // SendData calls
     int sends = 0;                // ... that sent (accepted) at least one byte
     int64_t bytes = 0;            // bytes accepted by successful sends
+    int disconnectFailures = 0;   // connections whose close failed: the end of the audio
+                                  // was not confirmed (no answer, a full disk)
 };
 
 struct AudioSinkFaults {
@@ -125,6 +127,10 @@ public:
     const std::string& GetPath() const { return m_strPath; }
     // Sample bytes in the file so far.
     int64_t GetDataBytes() const;
+    // The first write to the file that failed (a full disk, a quota), with the sink's
+    // description; empty while every write went through. Retrying does not make a disk
+    // writable, so a caller may end the output at once.
+    std::string GetWriteError() const;
 
 protected:
     bool DoConnect(std::string& error) override;
@@ -133,6 +139,7 @@ protected:
 
 private:
     bool WriteHeader(std::string& error);
+    void NoteWriteError(const std::string& error);
 
     std::string m_strPath;
     CAM_CAP_AUDIO_OUT_FORMAT m_Format;
@@ -141,6 +148,8 @@ private:
     bool m_blCreated = false;
     size_t m_HeaderBytes = 0;
     std::atomic<int64_t> m_DataBytes{0};
+    mutable std::mutex m_WriteErrorMutex;
+    std::string m_strWriteError;
 };
 
 // Sends audio to an HTTP or HTTPS endpoint in one POST per connection, with

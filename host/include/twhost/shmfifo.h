@@ -92,6 +92,8 @@ public:
     uint64_t GetPushedCount() const { return m_Pushed; }
 
 private:
+    // Makes the segment of a dead publisher this one's, attached at shm.
+    bool TakeOver(void* shm, std::string& error);
     int m_CamId;
     int m_StreamNo;
     size_t m_DataBytes;
