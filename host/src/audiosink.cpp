@@ -86,6 +86,11 @@ void AudioSink::SetError(const std::string& error) {
     m_strLastError = error;
 }
 
+void AudioSink::CountConnectFailure() {
+    std::lock_guard<std::mutex> lock(m_StateMutex);
+    ++m_Counters.connectFailures;
+}
+
 int AudioSink::Connect() {
     std::lock_guard<std::mutex> io(m_IoMutex);
     bool wasConnected = false;
@@ -114,11 +119,13 @@ int AudioSink::Connect() {
     }
     if (refuse) {
         SetError(Describe() + ": connect refused (fault injection)");
+        CountConnectFailure();
         return -1;
     }
     std::string error;
     if (!DoConnect(error)) {
         SetError(Describe() + ": " + error);
+        CountConnectFailure();
         return -1;
     }
     std::lock_guard<std::mutex> lock(m_StateMutex);

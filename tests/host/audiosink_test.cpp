@@ -231,6 +231,7 @@ TEST_F(WavSinkTest, FileThatCannotBeCreatedFailsTheConnect) {
     ASSERT_NE(sink, nullptr) << error;
     EXPECT_EQ(sink->Connect(), -1);
     EXPECT_EQ(sink->GetLastError(), "WAV file '" + path + "': cannot create: No such file or directory");
+    EXPECT_EQ(sink->GetCounters().connectFailures, 1);
     EXPECT_FALSE(sink->IsConnected());
     EXPECT_EQ(Send(*sink, Pattern(0, 10)), 0);
 }
@@ -272,6 +273,7 @@ TEST(AudioSinkFaultTest, RefuseConnectRefusesEveryConnect) {
     EXPECT_EQ(sink->GetLastError(), "memory sink: connect refused (fault injection)");
     EXPECT_EQ(sink->GetCounters().connectAttempts, 5);
     EXPECT_EQ(sink->GetCounters().connects, 0);
+    EXPECT_EQ(sink->GetCounters().connectFailures, 5);
 }
 
 TEST(AudioSinkFaultTest, RefuseConnectWithACountRefusesOnlyTheFirstOnes) {
@@ -284,6 +286,55 @@ TEST(AudioSinkFaultTest, RefuseConnectWithACountRefusesOnlyTheFirstOnes) {
     EXPECT_EQ(sink->Connect(), -1);
     EXPECT_EQ(sink->Connect(), 0);
     EXPECT_EQ(sink->GetCounters().connects, 1);
+    EXPECT_EQ(sink->GetCounters().connectFailures, 2);
+}
+
+// A sink whose connect waits until the test lets it go: the counters read in between are
+// those a watcher on another thread sees while the output's thread is still connecting.
+class HeldConnectSink : public AudioSink {
+public:
+    std::string Describe() const override { return "held sink"; }
+    void WaitUntilConnecting() {
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        m_Cond.wait(lock, [this] { return m_blConnecting; });
+    }
+    void Release() {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_blReleased = true;
+        m_Cond.notify_all();
+    }
+
+protected:
+    bool DoConnect(std::string&) override {
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        m_blConnecting = true;
+        m_Cond.notify_all();
+        m_Cond.wait(lock, [this] { return m_blReleased; });
+        return true;
+    }
+    bool DoSend(const char*, size_t, std::string&) override { return true; }
+    bool DoDisconnect(std::string&) override { return true; }
+
+private:
+    std::mutex m_Mutex;
+    std::condition_variable m_Cond;
+    bool m_blConnecting = false;
+    bool m_blReleased = false;
+};
+
+TEST(AudioSinkCountersTest, ConnectStillUnderWayIsNotCountedAsFailed) {
+    HeldConnectSink sink;
+    std::thread connecting([&sink] { EXPECT_EQ(sink.Connect(), 0); });
+    sink.WaitUntilConnecting();
+    AudioSinkCounters c = sink.GetCounters();
+    EXPECT_EQ(c.connectAttempts, 1);
+    EXPECT_EQ(c.connects, 0);
+    EXPECT_EQ(c.connectFailures, 0);
+    sink.Release();
+    connecting.join();
+    c = sink.GetCounters();
+    EXPECT_EQ(c.connects, 1);
+    EXPECT_EQ(c.connectFailures, 0);
 }
 
 TEST(AudioSinkFaultTest, FailSendAfterFailsTheLaterSends) {

@@ -325,7 +325,9 @@ int RunAudioOut(const AudioOutOptions& opt) {
             // A connection the sink refused is told at once, in the sink's own words. A
             // file that cannot be written will not become writable by retrying: the run
             // ends there.
-            const int failedConnects = c.connectAttempts - c.connects;
+            // Failures as the sink counted them: attempts minus successes would also count
+            // a connect that the output's thread has begun and not yet finished.
+            const int failedConnects = c.connectFailures;
             if (failedConnects > lastFailedConnects) {
                 lastFailedConnects = failedConnects;
                 const std::string text = sink->GetLastError();

@@ -56,6 +56,8 @@ struct AudioSinkCounters {
     int64_t bytes = 0;            // bytes accepted by successful sends
     int disconnectFailures = 0;   // connections whose close failed: the end of the audio
                                   // was not confirmed (no answer, a full disk)
+    int connectFailures = 0;      // Connect calls that failed; attempts - connects also
+                                  // counts a connect still under way on another thread
 };
 
 struct AudioSinkFaults {
@@ -103,6 +105,8 @@ protected:
 
 private:
     void SetError(const std::string& error);
+    // Counted after SetError, so that whoever sees the failure also finds its text.
+    void CountConnectFailure();
 
     mutable std::mutex m_IoMutex;       // one operation at a time
     mutable std::mutex m_StateMutex;    // counters, faults, error, connected flag
