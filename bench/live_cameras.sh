@@ -46,10 +46,10 @@ echo "machine:  $(nproc) cores, load average $(cut -d' ' -f1-3 /proc/loadavg) at
     exit 1
 }
 
-# CPU seconds of this shell's finished children so far (second line of "times"); "times"
-# writes into a file because a command substitution would run it in a fresh subshell.
+# CPU seconds of this shell's finished children as "times" last wrote them into
+# $WORK/times.txt (second line). "times" itself must run in this shell, never in a command
+# substitution: that is a fresh subshell, which has no finished children.
 children_cpu() {
-    times >"$WORK/times.txt"
     awk 'NR == 2 {
         total = 0;
         for (i = 1; i <= 2; ++i) { split($i, t, /[ms]/); total += t[1] * 60 + t[2] }
@@ -57,22 +57,26 @@ children_cpu() {
     }' "$WORK/times.txt"
 }
 
-# Runs twhost detect with the given arguments, its JSON lines into $WORK/out.json; prints
-# the CPU seconds it used.
+# Runs twhost detect with the given arguments, its JSON lines into $WORK/out.json; sets
+# RUN_CPU to the CPU seconds it used.
 run_detect() {
+    times >"$WORK/times.txt"
     before=$(children_cpu)
     if ! "$TWHOST" detect "$@" --json >"$WORK/out.json" 2>"$WORK/err.txt"; then
-        echo "live_cameras: twhost detect $* failed:" >&2
+        echo "live_cameras: twhost detect failed:" >&2
         cat "$WORK/err.txt" >&2
         exit 1
     fi
+    times >"$WORK/times.txt"
     after=$(children_cpu)
-    echo "$before $after" | awk '{ printf "%.3f\n", $2 - $1 }'
+    RUN_CPU=$(echo "$before $after" | awk '{ printf "%.3f\n", $2 - $1 }')
 }
 
 # One live camera against the same clip offline.
-cpuOffline=$(run_detect "$CLIP")
-cpuLive=$(run_detect "$CLIP" --realtime)
+run_detect "$CLIP"
+cpuOffline=$RUN_CPU
+run_detect "$CLIP" --realtime
+cpuLive=$RUN_CPU
 echo
 echo "one camera, the same $SECONDS_ s clip:"
 awk -v off="$cpuOffline" -v live="$cpuLive" -v s="$SECONDS_" 'BEGIN {
@@ -90,7 +94,8 @@ for n in $COUNTS; do
         set -- "$@" "$CLIP"
         i=$((i + 1))
     done
-    cpu=$(run_detect "$@" --realtime)
+    run_detect "$@" --realtime
+    cpu=$RUN_CPU
     grep '"type":"summary"' "$WORK/out.json" | awk -v n="$n" -v cpu="$cpu" '
         function field(line, name,   s) {
             if (!match(line, "\"" name "\":[0-9.eE+-]+")) return "";

@@ -1,6 +1,7 @@
-// twhost detect: one motion detector of the plug-in, driven through a DetectorHandler and
-// function IDs as a recorder drives it, on a file, a network stream, the shared-memory live
-// FIFO of a "twhost stream" process, or the built-in sample.
+// twhost detect: motion detectors of the plug-in, driven through DetectorHandlers and
+// function IDs as a recorder drives them, on a file, a network stream, the shared-memory live
+// FIFO of a "twhost stream" process, or the built-in sample; several files or streams run
+// one detector each in this one process, as a recorder runs its cameras.
 #include <dirent.h>
 #include <signal.h>
 #include <sys/shm.h>
@@ -926,8 +927,9 @@ int RunDetectMany(const DetectOptions& opt) {
 
 void RegisterDetectCommand(CLI::App& app, int& exitCode) {
     auto opt = std::make_shared<DetectOptions>();
-    CLI::App* cmd = app.add_subcommand("detect", "Run one motion detector on a video file, a stream URL, "
-                                                 "the shared-memory live FIFO, or the built-in sample");
+    CLI::App* cmd = app.add_subcommand("detect", "Run a motion detector on a video file, a stream URL, "
+                                                 "the shared-memory live FIFO, or the built-in sample; "
+                                                 "several sources: one detector each, in one process");
     cmd->add_option("SOURCE", opt->sources,
                     "Video file or URL (rtsp://, http://); default: the built-in sample. Several: one camera "
                     "each, in one process, in real time");
