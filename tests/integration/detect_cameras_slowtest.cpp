@@ -42,8 +42,11 @@ protected:
 TEST_F(DetectCamerasLive, EachSourceIsJudgedByItsOwnCamera) {
     const std::string moving = WriteClip("moving.mp4", {{0.9, 2.4}});
     const std::string still = WriteClip("still.mp4", {});
+    // The second camera starts a second after the first; its times still count from its own
+    // start, i.e. they are the times of its video.
     const ChildResult r = tw::test::RunChild({TW_TWHOST_BIN, "detect", still, moving, "--realtime", "--json",
-                                              "--camera-id", "7", "--camera-id", "3", "--sensitivity", "90"});
+                                              "--camera-id", "7", "--camera-id", "3", "--sensitivity", "90",
+                                              "--stagger", "2"});
     ASSERT_TRUE(r.exited && r.exitCode == 0) << r.Describe() << "\n" << r.err;
     std::vector<Json::Value> lines;
     std::string error;
@@ -74,6 +77,9 @@ TEST_F(DetectCamerasLive, EachSourceIsJudgedByItsOwnCamera) {
         EXPECT_EQ(s["input"]["time"].asString(), "real");
         EXPECT_EQ(s["endReason"].asString(), "end of input");
         EXPECT_EQ(s["statuses"].asUInt64(), cam == 7 ? still7 : moving3);
+        EXPECT_DOUBLE_EQ(s["settings"]["stagger"].asDouble(), 2.0);
+        // The last of 75 frames at 25 fps, on the camera's own time line.
+        EXPECT_NEAR(s["dataEnd"].asDouble(), 2.96, 0.001) << s;
         // Each camera counted its own paced turns: about one per 300 ms of the 3 s.
         const Json::Value& late = s["lateness"];
         EXPECT_GE(late["turns"].asUInt64(), 5u) << s;
@@ -82,7 +88,9 @@ TEST_F(DetectCamerasLive, EachSourceIsJudgedByItsOwnCamera) {
         if (cam == 7) {
             EXPECT_EQ(s["intervals"].size(), 0u) << s;
         } else {
-            EXPECT_GE(s["intervals"].size(), 1u) << "the square moves 0.9-2.4 s: " << s;
+            ASSERT_GE(s["intervals"].size(), 1u) << "the square moves 0.9-2.4 s: " << s;
+            EXPECT_GE(s["intervals"][0]["start"].asDouble(), 0.9) << s;
+            EXPECT_LE(s["intervals"][0]["start"].asDouble(), 2.4) << s;
         }
     }
 }

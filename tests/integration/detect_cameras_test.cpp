@@ -83,6 +83,10 @@ TEST_F(DetectCameras, TwoCameraIdsForOneSourceAreRefused) {
     ExpectUsageError(Twhost({"detect", m_Clip, "--camera-id", "4", "--camera-id", "5"}), {"--camera-id", "2 times"});
 }
 
+TEST_F(DetectCameras, StaggerWithOneSourceIsRefused) {
+    ExpectUsageError(Twhost({"detect", m_Clip, "--stagger", "1"}), {"--stagger", "more than one SOURCE"});
+}
+
 TEST_F(DetectCameras, SourceThatCannotBeOpenedFailsNamingItsCameraAndTheInput) {
     const std::string missing = m_Dir.File("missing.mp4");
     const ChildResult r = Twhost({"detect", m_Clip, missing, "--realtime"});

@@ -69,6 +69,7 @@ struct DetectOptions {
     std::string snapshotDir;     // --snapshots: JPEG files
     int snapshotIntervals = 20;
     bool overwrite = false;
+    double stagger = 0;          // several sources: seconds over which their starts spread
 };
 
 const char* const kCmd = "twhost detect";
@@ -703,6 +704,8 @@ struct CameraRun {
     std::atomic<bool> dataEnded{false};
     double connectSec = -1;
     double probeSec = -1;
+    int64_t epochUs = 0;        // host-clock time of the camera's start: its t = 0
+    int64_t wallOffsetUs = 0;   // wall clock minus host clock at that start
 };
 
 // Several sources: one detector per source in this one process. Each file or stream runs in
@@ -744,6 +747,11 @@ int RunDetectMany(const DetectOptions& opt) {
             return twcli::kExitUsage;
         }
         ids.push_back(id);
+    }
+    if (opt.stagger > 60) {
+        fprintf(stderr, "%s: --stagger %.3g spreads the starts over more than a minute; give at most 60 s\n", kCmd,
+                opt.stagger);
+        return twcli::kExitUsage;
     }
     if (!opt.realtime) {
         for (const std::string& input : opt.sources) {
@@ -788,10 +796,7 @@ int RunDetectMany(const DetectOptions& opt) {
     logConfig.Install();
 
     tw::host::Clock& clock = tw::host::GetClock();
-    const int64_t epochUs = clock.NowUs();
-    const int64_t wallOffsetUs = twcli::WallNowUs() - clock.NowUs();
     for (auto& cam : cams) {
-        const bool live = IsUrl(cam->input);
         cam->camera = tw::host::MakeCamera(cam->camId, cam->source.GetCodec());
         cam->camera.uiStreamNo[cam->camera.liveProfile] = opt.streamNo;
         tw::host::CameraStore::Instance().Put(cam->camera);
@@ -801,23 +806,9 @@ int RunDetectMany(const DetectOptions& opt) {
         settings.shortLiveSec = opt.shortLive;
         settings.region = region;
         tw::host::DetSettingStore::Instance().Put(cam->camId, settings);
-        cam->printer = std::make_unique<DetectPrinter>(epochUs, live ? wallOffsetUs : 0, live);
-        cam->printer->SetCamera(cam->camId, true);
         tw::host::ResetTurnLateness(cam->camId);
         cam->pump = std::make_unique<tw::host::FifoPump>(cam->source, cam->fifo);
-        DetectPrinter* printer = cam->printer.get();
-        std::atomic<bool>* ended = &cam->dataEnded;
-        cam->pump->SetEndListener([printer, ended](int64_t endUs) {
-            printer->CutAt(endUs, true);
-            *ended = true;
-        });
-        if (!cam->pump->StartRealTime({}, error)) {
-            fprintf(stderr, "%s: camera %d: %s\n", kCmd, cam->camId, error.c_str());
-            return twcli::kExitFailure;
-        }
-        printer->Begin(cam->input, CodecName(cam->source.GetCodec()), false, {});
         cam->events = std::make_unique<EventBuf>(cam->camId);
-        tw::host::SetEventListener(*cam->events, [printer](const tw::host::EventRecord& r) { printer->Event(r); });
         DPObjectBase* det = module->TWMotionDetFactory(&cam->camera, cam->events.get(), &cam->fifo, nullptr);
         cam->handler = module->NewDetectorHandler();
         cam->handler->SetDetector(det, 2);
@@ -826,37 +817,68 @@ int RunDetectMany(const DetectOptions& opt) {
                                    {9, std::to_string(opt.shortLive)}});
     }
 
+    // Each camera's time counts from its own start, so that "t" stays the time of its
+    // video; with --stagger camera k of n starts k/n of that span after the first.
     const auto realStart = std::chrono::steady_clock::now();
+    const int64_t firstUs = clock.NowUs();
     const int64_t durationUs = opt.duration > 0 ? static_cast<int64_t>(opt.duration * 1e6) : -1;
-    for (auto& cam : cams) {
-        if (durationUs > 0) cam->printer->CutAt(epochUs + durationUs, false);
-        cam->handler->Start();
-    }
+    const int64_t staggerUs = static_cast<int64_t>(opt.stagger * 1e6);
     int sig = 0;
+    int rc = 0;
+    size_t started = 0;
+    int64_t lastEpochUs = firstUs;
+    for (size_t i = 0; i < n && sig == 0; ++i) {
+        CameraRun& cam = *cams[i];
+        const int64_t startUs = firstUs + staggerUs * static_cast<int64_t>(i) / static_cast<int64_t>(n);
+        for (int64_t now = clock.NowUs(); now < startUs && sig == 0; now = clock.NowUs()) {
+            sig = signals.Wait(static_cast<int>(std::min<int64_t>((startUs - now + 999) / 1000, 20)));
+        }
+        if (sig != 0) break;
+        const bool live = IsUrl(cam.input);
+        cam.epochUs = clock.NowUs();
+        lastEpochUs = cam.epochUs;
+        cam.wallOffsetUs = twcli::WallNowUs() - cam.epochUs;
+        cam.printer = std::make_unique<DetectPrinter>(cam.epochUs, live ? cam.wallOffsetUs : 0, live);
+        cam.printer->SetCamera(cam.camId, true);
+        DetectPrinter* printer = cam.printer.get();
+        std::atomic<bool>* ended = &cam.dataEnded;
+        cam.pump->SetEndListener([printer, ended](int64_t endUs) {
+            printer->CutAt(endUs, true);
+            *ended = true;
+        });
+        tw::host::SetEventListener(*cam.events, [printer](const tw::host::EventRecord& r) { printer->Event(r); });
+        if (durationUs > 0) printer->CutAt(cam.epochUs + durationUs, false);
+        printer->Begin(cam.input, CodecName(cam.source.GetCodec()), false, {});
+        if (!cam.pump->StartRealTime({}, error)) {
+            fprintf(stderr, "%s: camera %d: %s\n", kCmd, cam.camId, error.c_str());
+            rc = twcli::kExitFailure;
+            break;
+        }
+        cam.handler->Start();
+        ++started;
+    }
     std::string endReason;
-    for (;;) {
+    for (; sig == 0 && rc == 0;) {
         if (out.Failed()) {
             endReason = "standard output failed";
             break;
         }
-        if (durationUs > 0 && clock.NowUs() - epochUs >= durationUs) {
+        if (durationUs > 0 && clock.NowUs() - lastEpochUs >= durationUs) {
             endReason = "duration reached";
             break;
         }
         if (std::all_of(cams.begin(), cams.end(), [](const std::unique_ptr<CameraRun>& c) { return c->dataEnded.load(); })) {
             break;   // each camera says its own end
         }
-        if ((sig = signals.Wait(20)) != 0) {
-            endReason = StopSignals::Why(sig);
-            break;
-        }
+        sig = signals.Wait(20);
     }
+    if (sig != 0) endReason = StopSignals::Why(sig);
     // Every detector is told at once: one after the other, each Stop waits up to a period
     // for its own thread, and the last camera would run on for seconds.
     {
         std::vector<std::thread> stoppers;
-        for (auto& cam : cams) {
-            tw::host::DetectorHandlerProxy* handler = cam->handler.get();
+        for (size_t i = 0; i < started; ++i) {
+            tw::host::DetectorHandlerProxy* handler = cams[i]->handler.get();
             try {
                 stoppers.emplace_back([handler] { handler->Stop(); });
             } catch (const std::system_error&) {
@@ -873,9 +895,11 @@ int RunDetectMany(const DetectOptions& opt) {
         tw::host::SetEventListener(*cam->events, nullptr);
     }
 
-    int rc = twcli::ExitForSignal(sig);
+    if (rc == 0) rc = twcli::ExitForSignal(sig);
     const int64_t nowUs = clock.NowUs();
-    for (auto& cam : cams) {
+    for (size_t i = 0; i < started; ++i) {
+        std::unique_ptr<CameraRun>& cam = cams[i];
+        const int64_t epochUs = cam->epochUs;
         const bool live = IsUrl(cam->input);
         const bool ended = cam->dataEnded.load();
         tw::host::FifoPump& pump = *cam->pump;
@@ -899,6 +923,7 @@ int RunDetectMany(const DetectOptions& opt) {
         summary.settings = Json::Value(Json::objectValue);
         summary.settings["cameraId"] = cam->camId;
         summary.settings["cameras"] = static_cast<int>(n);
+        if (opt.stagger > 0) summary.settings["stagger"] = opt.stagger;
         summary.settings["sensitivity"] = opt.sensitivity;
         summary.settings["threshold"] = opt.threshold;
         summary.settings["shortLive"] = opt.shortLive;
@@ -915,7 +940,7 @@ int RunDetectMany(const DetectOptions& opt) {
         const int64_t announcedUs = pump.GetExpectedEndTimeUs();
         summary.dataEndSec = !live ? dataEndSec : -1;
         summary.announcedSec = !live && announcedUs > 0 ? static_cast<double>(announcedUs - epochUs) / 1e6 : -1;
-        summary.watchStartWallUs = epochUs + wallOffsetUs;
+        summary.watchStartWallUs = epochUs + cam->wallOffsetUs;
         summary.connectSec = cam->connectSec;
         summary.probeSec = cam->probeSec;
         FillLateness(cam->camId, summary);
@@ -945,6 +970,10 @@ void RegisterDetectCommand(CLI::App& app, int& exitCode) {
     cmd->add_option("--region", opt->region,
                     "Watched cells: 'all', 'none', 1200 characters 0/1 (40 x 30, row by row), or cell "
                     "rectangles 'COL,ROW-COL,ROW;...' (columns 0..39, rows 0..29)");
+    cmd->add_option("--stagger", opt->stagger,
+                    "Several sources: start them one after another over this many seconds (camera k of n at "
+                    "k/n of it) instead of all at once, as independent cameras' key frames never fall together")
+        ->check(twcli::Seconds(true));
     cmd->add_flag("--realtime", opt->realtime, "Run a file in real time instead of virtual time");
     cmd->add_flag("--shm", opt->shm, "Read the shared-memory live FIFO that 'twhost stream' fills");
     cmd->add_option("--stream-no", opt->streamNo, "Stream number of the live FIFO (--shm)")->check(twcli::IntIn(0, 7));
@@ -971,6 +1000,11 @@ void RegisterDetectCommand(CLI::App& app, int& exitCode) {
     cmd->callback([opt, &exitCode]() {
         if (opt->sources.size() > 1) {
             exitCode = RunDetectMany(*opt);
+            return;
+        }
+        if (opt->stagger > 0) {
+            fprintf(stderr, "%s: --stagger spreads the starts of several sources; give more than one SOURCE\n", kCmd);
+            exitCode = twcli::kExitUsage;
             return;
         }
         if (opt->camIds.size() > 1) {
