@@ -602,6 +602,12 @@ private:
 // when the stream does not give its frame rate.
 constexpr int64_t kDefaultFrameIntervalUs = 40000;
 
+// A paced file feeding the in-process FIFO reads this far ahead of the clock and hands the
+// packets over at once, each to become visible at its time; it sleeps until only
+// kLowWaterUs of them are left. One wake-up per 0.8 s of stream instead of one per frame.
+constexpr int64_t kLookAheadUs = 1000000;
+constexpr int64_t kLowWaterUs = 200000;
+
 }  // namespace
 
 struct FifoPump::Impl {
@@ -621,6 +627,7 @@ struct FifoPump::Impl {
     int64_t m_LastDueUs = -1;
     std::optional<SourcePacket> m_Pending;
     int64_t m_PendingDueUs = 0;
+    bool m_blAhead = false;   // real time: packets are queued into the FIFO ahead of their time
 
     std::atomic<bool> m_blEnded{false};
     std::atomic<bool> m_blStop{false};
@@ -656,9 +663,13 @@ struct FifoPump::Impl {
     void Deliver(const SourcePacket& packet, int64_t dueUs) {
         // The blocks carry host-clock time: the FIFO's timestamps and the reader's clock
         // run on the same time line, virtual or real.
-        SourcePacket out = packet;
-        out.ptsUs = dueUs;
-        m_pSink->Push(out);
+        if (m_blAhead) {
+            QueueFifoBlock(*m_pFifo, packet.data, packet.keyFrame, dueUs);
+        } else {
+            SourcePacket out = packet;
+            out.ptsUs = dueUs;
+            m_pSink->Push(out);
+        }
         m_LastDueUs = std::max(m_LastDueUs, dueUs);
         ++m_Packets;
         if (packet.keyFrame) {
@@ -724,6 +735,9 @@ struct FifoPump::Impl {
             clock.SleepUntilUs(dueUs);
             return !m_blStop.load();
         }
+        // The condition variable measures the monotonic clock itself; any other clock is
+        // looked at again at least every 100 ms to stay honest.
+        const bool monotonic = dynamic_cast<MonotonicClock*>(&clock) != nullptr;
         std::unique_lock<std::mutex> lock(m_WaitMutex);
         for (;;) {
             if (m_blStop.load()) {
@@ -733,16 +747,21 @@ struct FifoPump::Impl {
             if (now >= dueUs) {
                 return true;
             }
-            // Waking at least every 100 ms keeps us honest if the clock is not the one that
-            // the condition variable measures.
-            const int64_t waitUs = std::min<int64_t>(dueUs - now, 100000);
+            const int64_t waitUs = monotonic ? dueUs - now : std::min<int64_t>(dueUs - now, 100000);
             m_WaitCond.wait_for(lock, std::chrono::microseconds(waitUs));
         }
     }
 
+    // Ahead of the clock, the end of the source is told only once its last packet is due:
+    // until then the FIFO still has packets to show. False when stopped first.
+    bool WaitForLastPacket() { return !m_blAhead || m_LastDueUs < 0 || WaitUntil(m_LastDueUs); }
+
     void RunRealTime() {
         const bool pace = m_RealTime.pace && !m_Source.IsNetwork();
         const bool loop = m_RealTime.loop && !m_Source.IsNetwork();
+        // Under a manual clock every packet is handed over at its time, so a test sees
+        // exactly when it was pushed.
+        m_blAhead = pace && m_pFifo != nullptr && !GetClock().IsManual();
         uint64_t roundPackets = 0;
         while (!m_blStop.load()) {
             SourcePacket packet;
@@ -750,13 +769,13 @@ struct FifoPump::Impl {
             if (ret == 0) {
                 // An empty round would loop for ever without pushing anything.
                 if (!loop || roundPackets == 0) {
-                    Finish();
+                    if (WaitForLastPacket()) Finish();
                     return;
                 }
                 std::string error;
                 if (!m_Source.Rewind(error)) {
                     SetError(error);
-                    Finish();
+                    if (WaitForLastPacket()) Finish();
                     return;
                 }
                 const int64_t interval = m_Source.GetFrameIntervalUs() > 0
@@ -774,12 +793,18 @@ struct FifoPump::Impl {
                     return;   // interrupted by Stop: not a failure of the source
                 }
                 SetError(m_Source.GetLastError());
-                Finish();
+                if (WaitForLastPacket()) Finish();
                 return;
             }
             ++roundPackets;
             const int64_t due = DueOf(packet);
-            if (pace && !WaitUntil(due)) {
+            if (m_blAhead) {
+                // Enough is queued: sleep until it runs low.
+                if (m_LastDueUs >= 0 && due > GetClock().NowUs() + kLookAheadUs &&
+                    !WaitUntil(m_LastDueUs - kLowWaterUs)) {
+                    return;
+                }
+            } else if (pace && !WaitUntil(due)) {
                 return;   // stopped before the packet was due
             }
             Deliver(packet, due);

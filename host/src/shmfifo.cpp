@@ -2,6 +2,7 @@
 // API), LiveStreamFifoAt, LiveStreamUpdater and the publisher.
 
 #include "twhost/shmfifo.h"
+#include "twhost/turnlateness.h"
 
 #include "twhost/frameobserver.h"
 
@@ -571,7 +572,11 @@ int ShmStreamFifo::GetVdoExtraData(unsigned char* buf, int& len) {
 }
 
 LiveStreamUpdater::LiveStreamUpdater(int camId, int streamNo)
-    : m_CamId(camId), m_StreamNo(streamNo), m_pShm(nullptr) {}
+    : m_CamId(camId), m_StreamNo(streamNo), m_pShm(nullptr) {
+    // A detector's thread makes its updater before its first turn: from here on its
+    // DelayTimer waits are that camera's turns.
+    tw::host::BindTurnCamera(camId);
+}
 
 LiveStreamUpdater::~LiveStreamUpdater() {
     if (m_pShm != nullptr) {

@@ -2,6 +2,7 @@
 
 #include "twhost/streamfifo.h"
 
+#include "twhost/clock.h"
 #include "twhost/frameobserver.h"
 
 #include <cstdlib>
@@ -77,6 +78,9 @@ struct StreamFifo::Impl {
     std::vector<unsigned char> m_ExtraData;
 
     std::deque<FifoEntry> m_Ring;
+    // Blocks queued ahead of their time (QueueFifoBlock), in time order, without ids yet:
+    // they join the ring only once the host clock reaches their time stamp.
+    std::deque<FifoEntry> m_Pending;
     // The newest key block lives outside the ring so that a long GOP never loses it.
     std::optional<FifoEntry> m_LastKey;
     int m_NextId = 0;
@@ -98,6 +102,34 @@ struct StreamFifo::Impl {
             ++m_Stats.pullerCalls;
         }
         m_Puller();
+    }
+
+    // Caller holds m_Mutex. What a camera would have sent by now: each queued block whose
+    // time has come joins the ring exactly as if it had been pushed at that time.
+    void Release() {
+        if (m_Pending.empty()) {
+            return;
+        }
+        const int64_t now = tw::host::GetClock().NowUs();
+        while (!m_Pending.empty() && m_Pending.front().ptsUs <= now) {
+            Append(std::move(m_Pending.front()));
+            m_Pending.pop_front();
+        }
+    }
+
+    // Caller holds m_Mutex.
+    int Append(FifoEntry entry) {
+        entry.id = m_NextId;
+        m_NextId = (m_NextId + 1) % TW_FIFO_BLOCK_ID_MAX;
+        if (entry.key) {
+            m_LastKey = entry;
+            ++m_Stats.keyBlocksPushed;
+        }
+        m_Ring.push_back(std::move(entry));
+        Trim();
+        ++m_Stats.blocksPushed;
+        m_Stats.lastId = m_Ring.back().id;
+        return m_Ring.back().id;
     }
 
     // Caller holds m_Mutex.
@@ -145,6 +177,7 @@ StreamFifo::~StreamFifo() { delete m_pImpl; }
 int StreamFifo::GetTotalBufSize() {
     m_pImpl->Pull();
     std::lock_guard<std::mutex> lock(m_pImpl->m_Mutex);
+    m_pImpl->Release();
     return m_pImpl->m_blHasFormat ? static_cast<int>(m_pImpl->m_MaxBlocks) : 0;
 }
 
@@ -155,6 +188,7 @@ MediaBlock* StreamFifo::GetLastBlock(int lastId) {
     MediaBlock* block = nullptr;
     {
         std::lock_guard<std::mutex> lock(m_pImpl->m_Mutex);
+        m_pImpl->Release();
         if (m_pImpl->m_Ring.empty() || m_pImpl->m_Ring.back().id == lastId) {
             return nullptr;
         }
@@ -171,6 +205,7 @@ MediaBlock* StreamFifo::GetLastITypeBlock(int lastId) {
     MediaBlock* block = nullptr;
     {
         std::lock_guard<std::mutex> lock(m_pImpl->m_Mutex);
+        m_pImpl->Release();
         if (!m_pImpl->m_LastKey || m_pImpl->m_LastKey->id == lastId) {
             return nullptr;
         }
@@ -218,21 +253,37 @@ int PushFifoBlock(StreamFifo& fifo, std::shared_ptr<const std::vector<unsigned c
                   bool key, int64_t ptsUs) {
     StreamFifo::Impl& impl = *fifo.GetImpl();
     std::lock_guard<std::mutex> lock(impl.m_Mutex);
+    // Blocks queued before this one and due by now come first, as they would have.
+    impl.Release();
     FifoEntry entry;
-    entry.id = impl.m_NextId;
     entry.key = key;
     entry.ptsUs = ptsUs;
     entry.data = data ? std::move(data) : std::make_shared<const std::vector<unsigned char>>();
-    impl.m_NextId = (impl.m_NextId + 1) % TW_FIFO_BLOCK_ID_MAX;
-    if (key) {
-        impl.m_LastKey = entry;
-        ++impl.m_Stats.keyBlocksPushed;
+    return impl.Append(std::move(entry));
+}
+
+void QueueFifoBlock(StreamFifo& fifo, std::shared_ptr<const std::vector<unsigned char>> data, bool key,
+                    int64_t ptsUs) {
+    StreamFifo::Impl& impl = *fifo.GetImpl();
+    std::lock_guard<std::mutex> lock(impl.m_Mutex);
+    FifoEntry entry;
+    entry.key = key;
+    entry.ptsUs = ptsUs;
+    entry.data = data ? std::move(data) : std::make_shared<const std::vector<unsigned char>>();
+    // Time stamps that go back (B-frames in presentation time) must not hold back the ones
+    // behind them: a block is due no earlier than the one queued before it.
+    if (!impl.m_Pending.empty() && entry.ptsUs < impl.m_Pending.back().ptsUs) {
+        entry.ptsUs = impl.m_Pending.back().ptsUs;
     }
-    impl.m_Ring.push_back(std::move(entry));
-    impl.Trim();
-    ++impl.m_Stats.blocksPushed;
-    impl.m_Stats.lastId = impl.m_Ring.back().id;
-    return impl.m_Ring.back().id;
+    impl.m_Pending.push_back(std::move(entry));
+    impl.Release();
+}
+
+size_t QueuedFifoBlocks(StreamFifo& fifo) {
+    StreamFifo::Impl& impl = *fifo.GetImpl();
+    std::lock_guard<std::mutex> lock(impl.m_Mutex);
+    impl.Release();
+    return impl.m_Pending.size();
 }
 
 void SetFifoLimits(StreamFifo& fifo, size_t maxBlocks, int64_t maxSpanUs) {
@@ -259,12 +310,14 @@ void ClearFifo(StreamFifo& fifo) {
     StreamFifo::Impl& impl = *fifo.GetImpl();
     std::lock_guard<std::mutex> lock(impl.m_Mutex);
     impl.m_Ring.clear();
+    impl.m_Pending.clear();
     impl.m_LastKey.reset();
 }
 
 FifoStats GetFifoStats(StreamFifo& fifo) {
     StreamFifo::Impl& impl = *fifo.GetImpl();
     std::lock_guard<std::mutex> lock(impl.m_Mutex);
+    impl.Release();
     FifoStats stats = impl.m_Stats;
     stats.blocksHeld = impl.m_Ring.size();
     return stats;

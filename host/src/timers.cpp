@@ -2,12 +2,14 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <map>
 #include <memory>
 #include <mutex>
 
 #include "tw/time.h"
 #include "twhost/clock.h"
 #include "twhost/condwaits.h"
+#include "twhost/turnlateness.h"
 
 using tw::host::GetClock;
 
@@ -27,9 +29,59 @@ void NoteWaitBegun() {
     g_WaitsCond.notify_all();
 }
 
+// Camera of the calling thread's turns; 0 for a thread that paces none.
+thread_local int t_TurnCamId = 0;
+
+std::mutex g_LatenessMutex;
+std::map<int, tw::host::TurnLateness>& Lateness() {
+    static std::map<int, tw::host::TurnLateness> lateness;
+    return lateness;
+}
+
+void NoteTurnStart(int camId, int64_t lateUs) {
+    if (lateUs < 0) lateUs = 0;
+    std::lock_guard<std::mutex> lock(g_LatenessMutex);
+    tw::host::TurnLateness& l = Lateness()[camId];
+    ++l.turns;
+    l.sumUs += lateUs;
+    if (lateUs > l.maxUs) l.maxUs = lateUs;
+    if (lateUs > 100000) ++l.over100Ms;
+    const int64_t bucket = lateUs / 1000;
+    ++l.buckets[bucket < tw::host::TurnLateness::kBuckets ? bucket : tw::host::TurnLateness::kBuckets - 1];
+}
+
 }  // namespace
 
 namespace tw::host {
+
+void BindTurnCamera(int camId) { t_TurnCamId = camId; }
+
+int64_t TurnLateness::QuantileUs(double share) const {
+    if (turns == 0) return 0;
+    // The smallest bucket below which at least that share of the turns lies; its upper
+    // edge, but never more than the largest lateness seen.
+    const double wanted = share * static_cast<double>(turns);
+    uint64_t seen = 0;
+    for (int i = 0; i < kBuckets; ++i) {
+        seen += buckets[i];
+        if (static_cast<double>(seen) >= wanted && seen > 0) {
+            const int64_t edge = (static_cast<int64_t>(i) + 1) * 1000;
+            return edge < maxUs ? edge : maxUs;
+        }
+    }
+    return maxUs;
+}
+
+TurnLateness GetTurnLateness(int camId) {
+    std::lock_guard<std::mutex> lock(g_LatenessMutex);
+    const auto it = Lateness().find(camId);
+    return it == Lateness().end() ? TurnLateness() : it->second;
+}
+
+void ResetTurnLateness(int camId) {
+    std::lock_guard<std::mutex> lock(g_LatenessMutex);
+    Lateness().erase(camId);
+}
 
 uint64_t CondWaitsBegun() {
     std::lock_guard<std::mutex> lock(g_WaitsMutex);
@@ -61,6 +113,9 @@ void DelayTimer::Delay() {
     // clock so that callers can be checked for what they asked.
     clock.SleepUntilUs(deadline);
     m_BeginUs = clock.NowUs();
+    // The next turn starts now; how far that is behind its slot is what a loaded process
+    // shows first.
+    if (t_TurnCamId != 0) NoteTurnStart(t_TurnCamId, m_BeginUs - deadline);
 }
 
 TimeCount::TimeCount() : m_Count(0), m_BeginUs(GetClock().NowUs()) {}

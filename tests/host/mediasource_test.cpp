@@ -655,6 +655,45 @@ TEST_F(MediaSourceTest, RealTimePumpDeliversEveryPacketOfAOneSecondClip) {
     EXPECT_EQ(key->GetID(), 24);
 }
 
+TEST_F(MediaSourceTest, RealTimePumpShowsEveryBlockOnlyOnceItsTimeHasCome) {
+    // The pump hands a file's packets to the FIFO up to a second ahead; a reader must still
+    // find only what a camera would have sent by the moment it reads, and the newest of it.
+    const std::string path = WriteClipFile(SmallClip(VIDEO_CODEC_H264, 1.0), "clip.mp4");
+    MediaSource source;
+    std::string error;
+    ASSERT_TRUE(source.Open(path, error)) << error;
+    StreamFifo fifo;
+    FifoPump pump(source, fifo);
+    ASSERT_TRUE(pump.StartRealTime(FifoPump::RealTimeOptions(), error)) << error;
+    tw::host::Clock& clock = tw::host::GetClock();
+    const auto guard = std::chrono::steady_clock::now() + kHangGuard;
+    int reads = 0;
+    int lastId = -1;
+    while (!pump.Ended() && std::chrono::steady_clock::now() < guard) {
+        std::unique_ptr<MediaBlock> last(fifo.GetLastBlock(kNoBlockYet));
+        const int64_t after = clock.NowUs();
+        if (last) {
+            ++reads;
+            // Due by the end of the read (which blocks are held back until when is the
+            // FIFO's own test, under a manual clock).
+            EXPECT_LE(last->GetPtsUs(), after) << "block " << last->GetID();
+            EXPECT_EQ(last->GetPtsUs(), pump.GetEpochUs() + int64_t{last->GetID()} * 40000);
+            EXPECT_GE(last->GetID(), lastId);
+            lastId = last->GetID();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(7));
+    }
+    ASSERT_TRUE(pump.Ended());
+    pump.Stop();
+    EXPECT_GT(reads, 10);
+    // The end is told once the last packet is due, not when it was read ahead.
+    EXPECT_GE(clock.NowUs(), pump.GetEndTimeUs());
+    EXPECT_EQ(GetFifoStats(fifo).blocksPushed, 25u);
+    std::unique_ptr<MediaBlock> last(fifo.GetLastBlock(kNoBlockYet));
+    ASSERT_NE(last, nullptr);
+    EXPECT_EQ(last->GetID(), 24);
+}
+
 // Records what a pump pushes.
 class RecordingSink : public tw::host::PacketSink {
 public:

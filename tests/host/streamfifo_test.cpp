@@ -11,12 +11,15 @@
 
 #include "tw/handler.h"
 #include "tw/stream.h"
+#include "twhost/clock.h"
 #include "twhost/streamfifo.h"
 
 namespace {
 
 using tw::host::GetFifoStats;
 using tw::host::PushFifoBlock;
+using tw::host::QueueFifoBlock;
+using tw::host::QueuedFifoBlocks;
 using tw::host::SetFifoFormat;
 using tw::host::SetFifoLimits;
 using tw::host::SetFifoPuller;
@@ -132,6 +135,90 @@ TEST(StreamFifoTest, RingDropsBlocksOlderThanItsTimeSpan) {
     }
     // Newest at 360 ms: only blocks at 280, 320 and 360 ms are within 100 ms of it.
     EXPECT_EQ(GetFifoStats(fifo).blocksHeld, 3u);
+}
+
+// The host clock is a manual one for the life of a test.
+class QueuedFifoTest : public ::testing::Test {
+protected:
+    void SetUp() override { tw::host::SetClock(m_Clock); }
+    void TearDown() override { tw::host::SetClock(nullptr); }
+    std::shared_ptr<tw::host::ManualClock> m_Clock = std::make_shared<tw::host::ManualClock>(1000000);
+};
+
+TEST_F(QueuedFifoTest, QueuedBlocksStayHiddenUntilTheirTimeComes) {
+    StreamFifo fifo;
+    QueueFifoBlock(fifo, MakePayload({1}), true, 1000000);    // due now
+    QueueFifoBlock(fifo, MakePayload({2}), false, 1040000);
+    QueueFifoBlock(fifo, MakePayload({3}), true, 1080000);
+    QueueFifoBlock(fifo, MakePayload({4}), false, 1120000);
+    EXPECT_EQ(QueuedFifoBlocks(fifo), 3u);
+
+    std::unique_ptr<MediaBlock> last(fifo.GetLastBlock(kNoBlockYet));
+    ASSERT_NE(last, nullptr);
+    EXPECT_EQ(BytesOf(*last), (std::vector<unsigned char>{1}));
+    EXPECT_EQ(last->GetID(), 0);
+
+    m_Clock->Advance(79999);   // one microsecond before the second key block
+    std::unique_ptr<MediaBlock> key(fifo.GetLastITypeBlock(kNoBlockYet));
+    ASSERT_NE(key, nullptr);
+    EXPECT_EQ(BytesOf(*key), (std::vector<unsigned char>{1}));
+    last.reset(fifo.GetLastBlock(kNoBlockYet));
+    ASSERT_NE(last, nullptr);
+    EXPECT_EQ(BytesOf(*last), (std::vector<unsigned char>{2}));
+    EXPECT_EQ(last->GetID(), 1);
+
+    m_Clock->Advance(1);
+    key.reset(fifo.GetLastITypeBlock(kNoBlockYet));
+    ASSERT_NE(key, nullptr);
+    EXPECT_EQ(BytesOf(*key), (std::vector<unsigned char>{3}));
+    EXPECT_EQ(key->GetID(), 2);
+    EXPECT_EQ(QueuedFifoBlocks(fifo), 1u);
+    EXPECT_EQ(GetFifoStats(fifo).blocksPushed, 3u);
+    EXPECT_EQ(GetFifoStats(fifo).keyBlocksPushed, 2u);
+}
+
+TEST_F(QueuedFifoTest, QueuedBlocksFillTheRingAsIfPushedAtTheirTimes) {
+    // Ten blocks 40 ms apart, released together after the last is due: the ring keeps what
+    // it would have kept had each come at its time (the span rule: 280, 320 and 360 ms).
+    StreamFifo pushed;
+    StreamFifo queued;
+    SetFifoLimits(pushed, 1000, 100000);
+    SetFifoLimits(queued, 1000, 100000);
+    for (int i = 0; i < 10; ++i) {
+        PushFifoBlock(pushed, PatternPayload(i), i % 4 == 0, 1000000 + int64_t{i} * 40000);
+        QueueFifoBlock(queued, PatternPayload(i), i % 4 == 0, 1000000 + int64_t{i} * 40000);
+    }
+    m_Clock->Advance(360000);
+    EXPECT_EQ(GetFifoStats(queued).blocksHeld, GetFifoStats(pushed).blocksHeld);
+    EXPECT_EQ(GetFifoStats(queued).blocksHeld, 3u);
+    std::unique_ptr<MediaBlock> a(pushed.GetLastITypeBlock(kNoBlockYet));
+    std::unique_ptr<MediaBlock> b(queued.GetLastITypeBlock(kNoBlockYet));
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(b->GetID(), a->GetID());
+    EXPECT_EQ(BytesOf(*b), BytesOf(*a));
+    EXPECT_EQ(b->GetID(), 8);
+}
+
+TEST_F(QueuedFifoTest, TimeThatGoesBackIsHeldAsLongAsTheBlockBefore) {
+    StreamFifo fifo;
+    QueueFifoBlock(fifo, MakePayload({1}), false, 1100000);
+    QueueFifoBlock(fifo, MakePayload({2}), false, 1050000);
+    m_Clock->Advance(60000);
+    EXPECT_EQ(fifo.GetLastBlock(kNoBlockYet), nullptr);
+    m_Clock->Advance(40000);
+    std::unique_ptr<MediaBlock> last(fifo.GetLastBlock(kNoBlockYet));
+    ASSERT_NE(last, nullptr);
+    EXPECT_EQ(BytesOf(*last), (std::vector<unsigned char>{2}));
+}
+
+TEST_F(QueuedFifoTest, ClearDropsQueuedBlocksToo) {
+    StreamFifo fifo;
+    QueueFifoBlock(fifo, MakePayload({1}), true, 2000000);
+    tw::host::ClearFifo(fifo);
+    EXPECT_EQ(QueuedFifoBlocks(fifo), 0u);
+    m_Clock->Advance(2000000);
+    EXPECT_EQ(fifo.GetLastITypeBlock(kNoBlockYet), nullptr);
 }
 
 TEST(StreamFifoTest, TotalBufSizeIsZeroUntilAStreamIsOpenedIntoIt) {

@@ -1,6 +1,7 @@
-// twhost detect: one motion detector of the plug-in, driven through a DetectorHandler and
-// function IDs as a recorder drives it, on a file, a network stream, the shared-memory live
-// FIFO of a "twhost stream" process, or the built-in sample.
+// twhost detect: motion detectors of the plug-in, driven through DetectorHandlers and
+// function IDs as a recorder drives them, on a file, a network stream, the shared-memory live
+// FIFO of a "twhost stream" process, or the built-in sample; several files or streams run
+// one detector each in this one process, as a recorder runs its cameras.
 #include <dirent.h>
 #include <signal.h>
 #include <sys/shm.h>
@@ -15,8 +16,11 @@
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
+#include <memory>
 #include <mutex>
+#include <system_error>
 #include <thread>
+#include <vector>
 
 extern "C" {
 #include <libavutil/log.h>
@@ -38,13 +42,16 @@ extern "C" {
 #include "twhost/shmfifo.h"
 #include "twhost/stores.h"
 #include "twhost/streamfifo.h"
+#include "twhost/turnlateness.h"
 
 namespace {
 
 using twcli::Out;
 
 struct DetectOptions {
-    std::string source;
+    std::vector<std::string> sources;   // as given; several: one camera each
+    std::vector<int> camIds;            // --camera-id as given: none, or one per source
+    std::string source;                 // the one source of a single-camera run
     int camId = 1;
     int sensitivity = 80;
     int threshold = 10;
@@ -62,6 +69,7 @@ struct DetectOptions {
     std::string snapshotDir;     // --snapshots: JPEG files
     int snapshotIntervals = 20;
     bool overwrite = false;
+    double stagger = 0;          // several sources: seconds over which their starts spread
 };
 
 const char* const kCmd = "twhost detect";
@@ -312,6 +320,18 @@ private:
     std::chrono::steady_clock::time_point m_Last;
 };
 
+// The lateness of the camera's paced turns, for the summary of a real-time run (in virtual
+// time every turn starts exactly in its slot).
+void FillLateness(int camId, DetectPrinter::Summary& summary) {
+    const tw::host::TurnLateness late = tw::host::GetTurnLateness(camId);
+    summary.latenessKnown = true;
+    summary.turns = late.turns;
+    summary.lateMeanMs = late.turns > 0 ? static_cast<double>(late.sumUs) / static_cast<double>(late.turns) / 1000.0 : 0;
+    summary.lateP99Ms = static_cast<double>(late.QuantileUs(0.99)) / 1000.0;
+    summary.lateMaxMs = static_cast<double>(late.maxUs) / 1000.0;
+    summary.lateOver100Ms = late.over100Ms;
+}
+
 int RunDetect(const DetectOptions& opt) {
     Out& out = Out::Get();
     out.SetJson(opt.json);
@@ -440,6 +460,8 @@ int RunDetect(const DetectOptions& opt) {
     const int64_t epochUs = clock.NowUs();
     const int64_t wallOffsetUs = twcli::WallNowUs() - clock.NowUs();
     DetectPrinter printer(epochUs, live ? wallOffsetUs : 0, live);
+    printer.SetCamera(opt.camId, false);
+    tw::host::ResetTurnLateness(opt.camId);
 
     // The end of data, on the thread that found it: in virtual time that is the detector's
     // own, before it waits again, so the clock is held right there and no turn is stamped
@@ -606,6 +628,7 @@ int RunDetect(const DetectOptions& opt) {
     summary.watchStartWallUs = epochUs + wallOffsetUs;
     summary.connectSec = connectSec;
     summary.probeSec = probeSec;
+    if (!virtualTime) FillLateness(opt.camId, summary);
     if (report) {
         report->Finish(static_cast<double>(summary.endUs - epochUs) / 1e6);
         summary.snapshots = report->SnapshotCount();
@@ -665,14 +688,281 @@ int RunDetect(const DetectOptions& opt) {
     return rc;
 }
 
+
+// One camera of a run with several sources: its own input, FIFO, pump, event buffer and
+// detector thread, as a recorder keeps them for each of its cameras.
+struct CameraRun {
+    int camId = 0;
+    std::string input;
+    tw::host::MediaSource source;
+    StreamFifo fifo;
+    std::unique_ptr<tw::host::FifoPump> pump;
+    std::unique_ptr<DetectPrinter> printer;
+    std::unique_ptr<EventBuf> events;
+    Camera camera{};
+    std::unique_ptr<tw::host::DetectorHandlerProxy> handler;
+    std::atomic<bool> dataEnded{false};
+    double connectSec = -1;
+    double probeSec = -1;
+    int64_t epochUs = 0;        // host-clock time of the camera's start: its t = 0
+    int64_t wallOffsetUs = 0;   // wall clock minus host clock at that start
+};
+
+// Several sources: one detector per source in this one process. Each file or stream runs in
+// real time: the virtual clock of a single file jumps to whatever its one detector waits
+// for, which several detectors cannot share.
+int RunDetectMany(const DetectOptions& opt) {
+    Out& out = Out::Get();
+    out.SetJson(opt.json);
+    const size_t n = opt.sources.size();
+    std::string region;
+    std::string error;
+    if (!tw::host::ParseRegion(opt.region, region, error)) {
+        fprintf(stderr, "%s: bad --region '%s': %s\n", kCmd, opt.region.c_str(), error.c_str());
+        return twcli::kExitUsage;
+    }
+    if (opt.shm) {
+        fprintf(stderr, "%s: --shm reads the live FIFO of --camera-id; give no SOURCE with it\n", kCmd);
+        return twcli::kExitUsage;
+    }
+    if (!opt.shmCodec.empty()) {
+        fprintf(stderr, "%s: --codec applies to --shm only; a file or URL tells its own codec\n", kCmd);
+        return twcli::kExitUsage;
+    }
+    if (!opt.report.empty() || !opt.snapshotDir.empty()) {
+        fprintf(stderr, "%s: %s pictures one camera; give one SOURCE with it (%zu given)\n", kCmd,
+                !opt.report.empty() ? "--report" : "--snapshots", n);
+        return twcli::kExitUsage;
+    }
+    if (!opt.camIds.empty() && opt.camIds.size() != n) {
+        fprintf(stderr, "%s: --camera-id is given %zu times for %zu sources; give it once per source, or not at all\n",
+                kCmd, opt.camIds.size(), n);
+        return twcli::kExitUsage;
+    }
+    std::vector<int> ids;
+    for (size_t i = 0; i < n; ++i) {
+        const int id = opt.camIds.empty() ? static_cast<int>(i) + 1 : opt.camIds[i];
+        if (std::find(ids.begin(), ids.end(), id) != ids.end()) {
+            fprintf(stderr, "%s: camera id %d is given twice (--camera-id); every source needs its own\n", kCmd, id);
+            return twcli::kExitUsage;
+        }
+        ids.push_back(id);
+    }
+    if (opt.stagger > 60) {
+        fprintf(stderr, "%s: --stagger %.3g spreads the starts over more than a minute; give at most 60 s\n", kCmd,
+                opt.stagger);
+        return twcli::kExitUsage;
+    }
+    if (!opt.realtime) {
+        for (const std::string& input : opt.sources) {
+            if (!IsUrl(input)) {
+                fprintf(stderr,
+                        "%s: several sources are watched in real time only, as a recorder's cameras are; "
+                        "add --realtime ('%s' is a file)\n",
+                        kCmd, input.c_str());
+                return twcli::kExitUsage;
+            }
+        }
+    }
+
+    StopSignals signals;
+
+    // Loaded before the cameras are made and so unloaded after them: their handlers hold
+    // the plug-in's objects.
+    std::unique_ptr<tw::host::PluginModule> module;
+    std::vector<std::unique_ptr<CameraRun>> cams;
+    for (size_t i = 0; i < n; ++i) {
+        auto cam = std::make_unique<CameraRun>();
+        cam->camId = ids[i];
+        cam->input = opt.sources[i];
+        QuietFfmpegLog quiet;
+        if (!cam->source.Open(cam->input, error) ||
+            (!IsUrl(cam->input) && (!ProbeDecode(cam->source, error) || !cam->source.Rewind(error)))) {
+            fprintf(stderr, "%s: camera %d: %s\n", kCmd, cam->camId, error.c_str());
+            return twcli::kExitFailure;
+        }
+        cam->connectSec = cam->source.GetConnectSeconds();
+        cam->probeSec = cam->source.GetProbeSeconds();
+        cams.push_back(std::move(cam));
+    }
+
+    module = tw::host::PluginModule::Load(opt.plugin.empty() ? tw::host::PluginModule::DefaultPath() : opt.plugin, error);
+    if (!module) {
+        fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
+        return twcli::kExitFailure;
+    }
+    tw::host::DbgLogConfig logConfig;
+    logConfig.SetAllCategoryLevels(opt.logLevel);
+    logConfig.Install();
+
+    tw::host::Clock& clock = tw::host::GetClock();
+    for (auto& cam : cams) {
+        cam->camera = tw::host::MakeCamera(cam->camId, cam->source.GetCodec());
+        cam->camera.uiStreamNo[cam->camera.liveProfile] = opt.streamNo;
+        tw::host::CameraStore::Instance().Put(cam->camera);
+        tw::host::DetSettingValues settings;
+        settings.sensitivity = opt.sensitivity;
+        settings.threshold = opt.threshold;
+        settings.shortLiveSec = opt.shortLive;
+        settings.region = region;
+        tw::host::DetSettingStore::Instance().Put(cam->camId, settings);
+        tw::host::ResetTurnLateness(cam->camId);
+        cam->pump = std::make_unique<tw::host::FifoPump>(cam->source, cam->fifo);
+        cam->events = std::make_unique<EventBuf>(cam->camId);
+        DPObjectBase* det = module->TWMotionDetFactory(&cam->camera, cam->events.get(), &cam->fifo, nullptr);
+        cam->handler = module->NewDetectorHandler();
+        cam->handler->SetDetector(det, 2);
+        cam->handler->SetDetParam({{1, std::to_string(opt.sensitivity)},
+                                   {3, std::to_string(opt.threshold)},
+                                   {9, std::to_string(opt.shortLive)}});
+    }
+
+    // Each camera's time counts from its own start, so that "t" stays the time of its
+    // video; with --stagger camera k of n starts k/n of that span after the first.
+    const auto realStart = std::chrono::steady_clock::now();
+    const int64_t firstUs = clock.NowUs();
+    const int64_t durationUs = opt.duration > 0 ? static_cast<int64_t>(opt.duration * 1e6) : -1;
+    const int64_t staggerUs = static_cast<int64_t>(opt.stagger * 1e6);
+    int sig = 0;
+    int rc = 0;
+    size_t started = 0;
+    int64_t lastEpochUs = firstUs;
+    for (size_t i = 0; i < n && sig == 0; ++i) {
+        CameraRun& cam = *cams[i];
+        const int64_t startUs = firstUs + staggerUs * static_cast<int64_t>(i) / static_cast<int64_t>(n);
+        for (int64_t now = clock.NowUs(); now < startUs && sig == 0; now = clock.NowUs()) {
+            sig = signals.Wait(static_cast<int>(std::min<int64_t>((startUs - now + 999) / 1000, 20)));
+        }
+        if (sig != 0) break;
+        const bool live = IsUrl(cam.input);
+        cam.epochUs = clock.NowUs();
+        lastEpochUs = cam.epochUs;
+        cam.wallOffsetUs = twcli::WallNowUs() - cam.epochUs;
+        cam.printer = std::make_unique<DetectPrinter>(cam.epochUs, live ? cam.wallOffsetUs : 0, live);
+        cam.printer->SetCamera(cam.camId, true);
+        DetectPrinter* printer = cam.printer.get();
+        std::atomic<bool>* ended = &cam.dataEnded;
+        cam.pump->SetEndListener([printer, ended](int64_t endUs) {
+            printer->CutAt(endUs, true);
+            *ended = true;
+        });
+        tw::host::SetEventListener(*cam.events, [printer](const tw::host::EventRecord& r) { printer->Event(r); });
+        if (durationUs > 0) printer->CutAt(cam.epochUs + durationUs, false);
+        printer->Begin(cam.input, CodecName(cam.source.GetCodec()), false, {});
+        if (!cam.pump->StartRealTime({}, error)) {
+            fprintf(stderr, "%s: camera %d: %s\n", kCmd, cam.camId, error.c_str());
+            rc = twcli::kExitFailure;
+            break;
+        }
+        cam.handler->Start();
+        ++started;
+    }
+    std::string endReason;
+    for (; sig == 0 && rc == 0;) {
+        if (out.Failed()) {
+            endReason = "standard output failed";
+            break;
+        }
+        if (durationUs > 0 && clock.NowUs() - lastEpochUs >= durationUs) {
+            endReason = "duration reached";
+            break;
+        }
+        if (std::all_of(cams.begin(), cams.end(), [](const std::unique_ptr<CameraRun>& c) { return c->dataEnded.load(); })) {
+            break;   // each camera says its own end
+        }
+        sig = signals.Wait(20);
+    }
+    if (sig != 0) endReason = StopSignals::Why(sig);
+    // Every detector is told at once: one after the other, each Stop waits up to a period
+    // for its own thread, and the last camera would run on for seconds.
+    {
+        std::vector<std::thread> stoppers;
+        for (size_t i = 0; i < started; ++i) {
+            tw::host::DetectorHandlerProxy* handler = cams[i]->handler.get();
+            try {
+                stoppers.emplace_back([handler] { handler->Stop(); });
+            } catch (const std::system_error&) {
+                handler->Stop();
+            }
+        }
+        for (std::thread& t : stoppers) t.join();
+    }
+    const double wallSec = std::chrono::duration<double>(std::chrono::steady_clock::now() - realStart).count();
+    for (auto& cam : cams) {
+        cam->handler->Release();
+        cam->handler.reset();
+        cam->pump->Stop();
+        tw::host::SetEventListener(*cam->events, nullptr);
+    }
+
+    if (rc == 0) rc = twcli::ExitForSignal(sig);
+    const int64_t nowUs = clock.NowUs();
+    for (size_t i = 0; i < started; ++i) {
+        std::unique_ptr<CameraRun>& cam = cams[i];
+        const int64_t epochUs = cam->epochUs;
+        const bool live = IsUrl(cam->input);
+        const bool ended = cam->dataEnded.load();
+        tw::host::FifoPump& pump = *cam->pump;
+        std::string reason = endReason;
+        if (ended && (endReason.empty() || endReason == "duration reached")) {
+            reason = pump.GetErrorCount() > 0 ? "read error" : (live ? "end of stream" : "end of input");
+        }
+        if (ended && pump.GetErrorCount() > 0) {
+            fprintf(stderr, "%s: camera %d: %s\n", kCmd, cam->camId, pump.GetLastError().c_str());
+            rc = twcli::kExitFailure;
+        }
+        DetectPrinter::Summary summary;
+        summary.endUs = ended ? pump.GetEndTimeUs() : nowUs;
+        if (durationUs > 0 && summary.endUs > epochUs + durationUs) summary.endUs = epochUs + durationUs;
+        summary.input = Json::Value(Json::objectValue);
+        summary.input["source"] = cam->input;
+        summary.input["codec"] = CodecName(cam->source.GetCodec());
+        summary.input["width"] = cam->source.GetWidth();
+        summary.input["height"] = cam->source.GetHeight();
+        summary.input["time"] = "real";
+        summary.settings = Json::Value(Json::objectValue);
+        summary.settings["cameraId"] = cam->camId;
+        summary.settings["cameras"] = static_cast<int>(n);
+        if (opt.stagger > 0) summary.settings["stagger"] = opt.stagger;
+        summary.settings["sensitivity"] = opt.sensitivity;
+        summary.settings["threshold"] = opt.threshold;
+        summary.settings["shortLive"] = opt.shortLive;
+        summary.settings["region"] = opt.region;
+        summary.settings["watchedCells"] = static_cast<int>(std::count(region.begin(), region.end(), '1'));
+        if (durationUs > 0) summary.settings["duration"] = opt.duration;
+        summary.settings["logLevel"] = opt.logLevel;
+        summary.endReason = reason;
+        summary.wallSeconds = wallSec;
+        summary.frames = pump.GetPacketCount();
+        summary.framesKnown = true;
+        summary.file = !live;
+        const double dataEndSec = ended ? static_cast<double>(pump.GetEndTimeUs() - epochUs) / 1e6 : -1;
+        const int64_t announcedUs = pump.GetExpectedEndTimeUs();
+        summary.dataEndSec = !live ? dataEndSec : -1;
+        summary.announcedSec = !live && announcedUs > 0 ? static_cast<double>(announcedUs - epochUs) / 1e6 : -1;
+        summary.watchStartWallUs = epochUs + cam->wallOffsetUs;
+        summary.connectSec = cam->connectSec;
+        summary.probeSec = cam->probeSec;
+        FillLateness(cam->camId, summary);
+        cam->printer->End(summary);
+    }
+    return rc;
+}
 }  // namespace
 
 void RegisterDetectCommand(CLI::App& app, int& exitCode) {
     auto opt = std::make_shared<DetectOptions>();
-    CLI::App* cmd = app.add_subcommand("detect", "Run one motion detector on a video file, a stream URL, "
-                                                 "the shared-memory live FIFO, or the built-in sample");
-    cmd->add_option("SOURCE", opt->source, "Video file or URL (rtsp://, http://); default: the built-in sample");
-    cmd->add_option("--camera-id", opt->camId, "Camera id")->check(twcli::IntIn(1, 1000000));
+    CLI::App* cmd = app.add_subcommand("detect", "Run a motion detector on a video file, a stream URL, "
+                                                 "the shared-memory live FIFO, or the built-in sample; "
+                                                 "several sources: one detector each, in one process");
+    cmd->add_option("SOURCE", opt->sources,
+                    "Video file or URL (rtsp://, http://); default: the built-in sample. Several: one camera "
+                    "each, in one process, in real time");
+    cmd->add_option("--camera-id", opt->camIds,
+                    "Camera id (default 1); with several sources give it once per source, in their order "
+                    "(default 1, 2, ...)")
+        ->check(twcli::IntIn(1, 1000000))
+        ->allow_extra_args(false);
     cmd->add_option("--sensitivity", opt->sensitivity, "Sensitivity 0..100")->check(twcli::IntIn(0, 100));
     cmd->add_option("--threshold", opt->threshold, "Detection threshold 0..100")->check(twcli::IntIn(0, 100));
     cmd->add_option("--short-live", opt->shortLive, "Seconds a motion must last before it is reported, 0..10")
@@ -680,6 +970,10 @@ void RegisterDetectCommand(CLI::App& app, int& exitCode) {
     cmd->add_option("--region", opt->region,
                     "Watched cells: 'all', 'none', 1200 characters 0/1 (40 x 30, row by row), or cell "
                     "rectangles 'COL,ROW-COL,ROW;...' (columns 0..39, rows 0..29)");
+    cmd->add_option("--stagger", opt->stagger,
+                    "Several sources: start them one after another over this many seconds (camera k of n at "
+                    "k/n of it) instead of all at once, as independent cameras' key frames never fall together")
+        ->check(twcli::Seconds(true));
     cmd->add_flag("--realtime", opt->realtime, "Run a file in real time instead of virtual time");
     cmd->add_flag("--shm", opt->shm, "Read the shared-memory live FIFO that 'twhost stream' fills");
     cmd->add_option("--stream-no", opt->streamNo, "Stream number of the live FIFO (--shm)")->check(twcli::IntIn(0, 7));
@@ -703,5 +997,24 @@ void RegisterDetectCommand(CLI::App& app, int& exitCode) {
     cmd->add_option("--log-level", opt->logLevel,
                     "Plug-in log level 0..7 for every category; the default 3 shows errors only")
         ->check(twcli::IntIn(0, 7));
-    cmd->callback([opt, &exitCode]() { exitCode = RunDetect(*opt); });
+    cmd->callback([opt, &exitCode]() {
+        if (opt->sources.size() > 1) {
+            exitCode = RunDetectMany(*opt);
+            return;
+        }
+        if (opt->stagger > 0) {
+            fprintf(stderr, "%s: --stagger spreads the starts of several sources; give more than one SOURCE\n", kCmd);
+            exitCode = twcli::kExitUsage;
+            return;
+        }
+        if (opt->camIds.size() > 1) {
+            fprintf(stderr, "%s: --camera-id is given %zu times for one camera; give it once per source\n", kCmd,
+                    opt->camIds.size());
+            exitCode = twcli::kExitUsage;
+            return;
+        }
+        opt->source = opt->sources.empty() ? std::string() : opt->sources[0];
+        opt->camId = opt->camIds.empty() ? 1 : opt->camIds[0];
+        exitCode = RunDetect(*opt);
+    });
 }

@@ -7,11 +7,17 @@ using twcli::Out;
 DetectPrinter::DetectPrinter(int64_t epochUs, int64_t wallOffsetUs, bool live)
     : m_EpochUs(epochUs), m_WallOffsetUs(wallOffsetUs), m_blLive(live) {}
 
+void DetectPrinter::SetCamera(int camId, bool label) {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    m_CamId = camId;
+    m_strLabel = label ? "[camera " + std::to_string(camId) + "] " : std::string();
+}
+
 void DetectPrinter::Begin(const std::string& input, const std::string& codec, bool virtualTime,
                           const std::vector<std::pair<double, double>>& expectedMotion) {
     Out& out = Out::Get();
     if (out.Json()) return;
-    out.Textf("Detecting motion in %s (%s), %s", input.c_str(), codec.c_str(),
+    out.Textf("%sDetecting motion in %s (%s), %s", m_strLabel.c_str(), input.c_str(), codec.c_str(),
               virtualTime ? "virtual time" : "real time");
     if (!expectedMotion.empty()) {
         std::string text = "The built-in sample moves during";
@@ -21,7 +27,7 @@ void DetectPrinter::Begin(const std::string& input, const std::string& codec, bo
                      expectedMotion[i].second);
             text += span;
         }
-        out.Text(text);
+        out.Text(Label(text));
     }
 }
 
@@ -42,6 +48,7 @@ bool DetectPrinter::Event(const tw::host::EventRecord& record) {
     Out& out = Out::Get();
     if (out.Json()) {
         Json::Value v = Out::Line("status", t);
+        v["camera"] = m_CamId;
         v["motion"] = record.motion;
         v["value"] = record.value;
         if (m_blLive) v["wallTime"] = twcli::IsoUtc(record.timeUs + m_WallOffsetUs);
@@ -52,9 +59,9 @@ bool DetectPrinter::Event(const tw::host::EventRecord& record) {
     if (record.motion != m_blMotion) {
         const std::string wall = m_blLive ? "  " + twcli::IsoUtc(record.timeUs + m_WallOffsetUs) : std::string();
         if (record.motion) {
-            out.Textf("%8.2f s  motion      value %d%s", t, record.value, wall.c_str());
+            out.Textf("%s%8.2f s  motion      value %d%s", m_strLabel.c_str(), t, record.value, wall.c_str());
         } else {
-            out.Textf("%8.2f s  no motion%s", t, wall.c_str());
+            out.Textf("%s%8.2f s  no motion%s", m_strLabel.c_str(), t, wall.c_str());
         }
         m_blMotion = record.motion;
     }
@@ -93,6 +100,7 @@ void DetectPrinter::End(const Summary& s) {
     Out& out = Out::Get();
     if (out.Json()) {
         Json::Value v = Out::Line("summary", endSec);
+        v["camera"] = m_CamId;
         v["input"] = s.input;
         v["settings"] = s.settings;
         v["endReason"] = s.endReason;
@@ -119,6 +127,15 @@ void DetectPrinter::End(const Summary& s) {
             if (s.connectSec >= 0) v["connectSeconds"] = s.connectSec;
             if (s.probeSec >= 0) v["probeSeconds"] = s.probeSec;
         }
+        if (s.latenessKnown) {
+            Json::Value late(Json::objectValue);
+            late["turns"] = static_cast<Json::UInt64>(s.turns);
+            late["meanMs"] = s.lateMeanMs;
+            late["p99Ms"] = s.lateP99Ms;
+            late["maxMs"] = s.lateMaxMs;
+            late["over100Ms"] = static_cast<Json::UInt64>(s.lateOver100Ms);
+            v["lateness"] = late;
+        }
         out.Emit(v);
         return;
     }
@@ -128,13 +145,19 @@ void DetectPrinter::End(const Summary& s) {
         snprintf(span, sizeof(span), "%s %.2f-%.2f s", i ? "," : ":", intervals[i].first, intervals[i].second);
         text += span;
     }
-    out.Text(text);
+    out.Text(Label(text));
     if (s.file) {
-        out.Textf("%zu statuses, highest value %d, %.1f s of video in %.2f s (%.1fx); %s", m_Events.size(),
+        out.Textf("%s%zu statuses, highest value %d, %.1f s of video in %.2f s (%.1fx); %s", m_strLabel.c_str(), m_Events.size(),
                   m_MaxValue, endSec, s.wallSeconds, speed, s.endReason.c_str());
     } else {
-        out.Textf("%zu statuses, highest value %d, watched %.1f s from %s (connecting %.2f s, probing %.2f s); %s",
-                  m_Events.size(), m_MaxValue, endSec, twcli::IsoUtc(s.watchStartWallUs).c_str(),
+        out.Textf("%s%zu statuses, highest value %d, watched %.1f s from %s (connecting %.2f s, probing %.2f s); %s",
+                  m_strLabel.c_str(), m_Events.size(), m_MaxValue, endSec, twcli::IsoUtc(s.watchStartWallUs).c_str(),
                   s.connectSec > 0 ? s.connectSec : 0.0, s.probeSec > 0 ? s.probeSec : 0.0, s.endReason.c_str());
+    }
+    if (s.latenessKnown) {
+        out.Textf("%s%llu paced turns started late by %.1f ms on average, %.1f ms at the 99th percentile, "
+                  "%.1f ms at most (%llu more than 100 ms)",
+                  m_strLabel.c_str(), static_cast<unsigned long long>(s.turns), s.lateMeanMs, s.lateP99Ms,
+                  s.lateMaxMs, static_cast<unsigned long long>(s.lateOver100Ms));
     }
 }

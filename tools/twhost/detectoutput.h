@@ -18,6 +18,9 @@ public:
     // epochUs: host-clock time of t = 0. wallOffsetUs: added to a host-clock time gives the
     // wall clock, for live sources (wallTime on every line); 0 for none.
     DetectPrinter(int64_t epochUs, int64_t wallOffsetUs, bool live);
+    // The camera every JSON line names; label: text lines start with it too (several
+    // cameras print into one stream).
+    void SetCamera(int camId, bool label);
     void Begin(const std::string& input, const std::string& codec, bool virtualTime,
                const std::vector<std::pair<double, double>>& expectedMotion);
     // One SetStatus of the detector; called on the detector's thread. Statuses after the
@@ -41,6 +44,13 @@ public:
         double connectSec = -1;
         double probeSec = -1;
         int snapshots = -1;           // snapshots taken (--report, --snapshots); -1 none asked
+        // Real time: how late the detector's turns started after their 300 ms slots.
+        bool latenessKnown = false;
+        uint64_t turns = 0;
+        double lateMeanMs = 0;
+        double lateP99Ms = 0;
+        double lateMaxMs = 0;
+        uint64_t lateOver100Ms = 0;
     };
     void End(const Summary& summary);
 
@@ -53,6 +63,9 @@ public:
 
 private:
     double Seconds(int64_t us) const { return static_cast<double>(us - m_EpochUs) / 1e6; }
+    std::string Label(const std::string& text) const { return m_strLabel + text; }
+    int m_CamId = 1;
+    std::string m_strLabel;
     int64_t m_EpochUs;
     int64_t m_WallOffsetUs;
     bool m_blLive;

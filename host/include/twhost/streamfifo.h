@@ -23,6 +23,17 @@ void SetFifoFormat(StreamFifo& fifo, int codec, int width, int height,
 int PushFifoBlock(StreamFifo& fifo, std::shared_ptr<const std::vector<unsigned char>> data,
                   bool key, int64_t ptsUs);
 
+// Queues a block ahead of its time: readers see it (and it gets its id) only once the host
+// clock reaches ptsUs, so a feeder can hand over a second of stream at once and sleep,
+// while every read still finds exactly what a camera would have sent by then. Blocks are
+// queued in time order; one whose time stamp goes back is held as long as the one before.
+// A FIFO is fed either by PushFifoBlock or by QueueFifoBlock: a block pushed while others
+// are still queued joins the ring at once, ahead of them.
+void QueueFifoBlock(StreamFifo& fifo, std::shared_ptr<const std::vector<unsigned char>> data,
+                    bool key, int64_t ptsUs);
+// Queued blocks whose time has not come yet.
+size_t QueuedFifoBlocks(StreamFifo& fifo);
+
 // Bounds of the ring: at most maxBlocks blocks, and no block older than maxSpanUs behind the
 // newest (by pts). Defaults: 256 blocks, 2 s.
 void SetFifoLimits(StreamFifo& fifo, size_t maxBlocks, int64_t maxSpanUs);
@@ -34,11 +45,11 @@ void SetFifoLimits(StreamFifo& fifo, size_t maxBlocks, int64_t maxSpanUs);
 // An empty function removes the puller.
 void SetFifoPuller(StreamFifo& fifo, std::function<void()> puller);
 
-// Drops every block (the format stays). Block ids go on where they were.
+// Drops every block, queued ones too (the format stays). Block ids go on where they were.
 void ClearFifo(StreamFifo& fifo);
 
 struct FifoStats {
-    uint64_t blocksPushed = 0;      // PushFifoBlock calls
+    uint64_t blocksPushed = 0;      // blocks that joined the ring (pushed, or queued and due)
     uint64_t keyBlocksPushed = 0;
     uint64_t blocksHandedOut = 0;   // MediaUnits returned by GetLastBlock/GetLastITypeBlock
     uint64_t pullerCalls = 0;

@@ -1,0 +1,131 @@
+#!/bin/sh
+# Many live cameras in one process: "twhost detect CLIP CLIP ... --realtime" runs one motion
+# detector per copy of a 1080p H.264 clip (GOP 1 s), each with its own FIFO, pump and thread,
+# as a recorder runs its cameras. For each number of cameras it reports the CPU per camera
+# (% of one core) and how late the detectors' turns started after their 300 ms slots.
+# It also puts one live camera beside the same clip judged offline in virtual time: the same
+# key frames decoded and compared, without any pacing, which is what the live camera's
+# pacing costs on top of.
+#
+# Usage: live_cameras.sh [BUILD_DIR] [COUNTS] [SECONDS]
+#   BUILD_DIR  build tree holding bin/twhost (default: ../build next to this script)
+#   COUNTS     numbers of cameras, quoted, e.g. "1 8 16 32 80" (default "1 8 16 32")
+#   SECONDS    length of the clip, i.e. of each run (default 20)
+#
+# The clip is written with "twhost sample" into a temporary directory and removed at exit.
+# CPU figures are the user + system time of the whole twhost process, set-up included.
+# The cameras start one after another over one second (--stagger 1, the clip's GOP): copies
+# of one file started together would have their key frames, and so their decodes, in
+# lock-step, which no set of real cameras has. STAGGER=0 in the environment starts them
+# all at once, the worst case.
+
+set -eu
+
+SCRIPT_DIR=$(cd "$(dirname "$0")" && pwd)
+BUILD_DIR=${1:-"$SCRIPT_DIR/../build"}
+COUNTS=${2:-"1 8 16 32"}
+SECONDS_=${3:-20}
+STAGGER=${STAGGER:-1}
+
+TWHOST="$BUILD_DIR/bin/twhost"
+if [ ! -x "$TWHOST" ]; then
+    echo "live_cameras: no twhost binary at $TWHOST (build the twhost_tool target, or pass the build directory)" >&2
+    exit 2
+fi
+for n in $COUNTS; do
+    case "$n" in
+        '' | *[!0-9]* | 0) echo "live_cameras: COUNTS must hold positive integers, not '$n'" >&2; exit 2 ;;
+    esac
+done
+
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/live_cameras.XXXXXX")
+trap 'rm -rf "$WORK"' EXIT INT TERM
+CLIP="$WORK/clip1080p.mp4"
+
+echo "twhost:   $TWHOST"
+echo "clip:     1920x1080 H.264, 25 fps, a key frame every second, $SECONDS_ s"
+echo "stagger:  the cameras start over $STAGGER s"
+echo "machine:  $(nproc) cores, load average $(cut -d' ' -f1-3 /proc/loadavg) at the start"
+"$TWHOST" sample "$CLIP" --size 1920x1080 --gop 25 --duration "$SECONDS_" >"$WORK/sample.log" 2>&1 || {
+    echo "live_cameras: twhost sample failed:" >&2
+    cat "$WORK/sample.log" >&2
+    exit 1
+}
+
+# CPU seconds of this shell's finished children as "times" last wrote them into
+# $WORK/times.txt (second line). "times" itself must run in this shell, never in a command
+# substitution: that is a fresh subshell, which has no finished children.
+children_cpu() {
+    awk 'NR == 2 {
+        total = 0;
+        for (i = 1; i <= 2; ++i) { split($i, t, /[ms]/); total += t[1] * 60 + t[2] }
+        printf "%.3f\n", total;
+    }' "$WORK/times.txt"
+}
+
+# Runs twhost detect with the given arguments, its JSON lines into $WORK/out.json; sets
+# RUN_CPU to the CPU seconds it used.
+run_detect() {
+    times >"$WORK/times.txt"
+    before=$(children_cpu)
+    if ! "$TWHOST" detect "$@" --json >"$WORK/out.json" 2>"$WORK/err.txt"; then
+        echo "live_cameras: twhost detect failed:" >&2
+        cat "$WORK/err.txt" >&2
+        exit 1
+    fi
+    times >"$WORK/times.txt"
+    after=$(children_cpu)
+    RUN_CPU=$(echo "$before $after" | awk '{ printf "%.3f\n", $2 - $1 }')
+}
+
+# One live camera against the same clip offline.
+run_detect "$CLIP"
+cpuOffline=$RUN_CPU
+run_detect "$CLIP" --realtime
+cpuLive=$RUN_CPU
+echo
+echo "one camera, the same $SECONDS_ s clip:"
+awk -v off="$cpuOffline" -v live="$cpuLive" -v s="$SECONDS_" 'BEGIN {
+    printf "  offline (virtual time, no pacing): %.2f s CPU\n", off;
+    printf "  live (--realtime):                 %.2f s CPU = %.2f %% of a core; %.2fx the offline run\n",
+           live, 100 * live / s, live / off;
+}'
+
+echo
+echo "cameras  CPU/camera (% of a core)  cameras/core  turns  late p99 (worst camera)  late max  turns >100 ms"
+for n in $COUNTS; do
+    set --
+    i=0
+    while [ "$i" -lt "$n" ]; do
+        set -- "$@" "$CLIP"
+        i=$((i + 1))
+    done
+    if [ "$n" -gt 1 ]; then
+        run_detect "$@" --realtime --stagger "$STAGGER"
+    else
+        run_detect "$@" --realtime
+    fi
+    cpu=$RUN_CPU
+    grep '"type":"summary"' "$WORK/out.json" | awk -v n="$n" -v cpu="$cpu" '
+        function field(line, name,   s) {
+            if (!match(line, "\"" name "\":[0-9.eE+-]+")) return "";
+            s = substr(line, RSTART, RLENGTH);
+            sub(/^[^:]*:/, "", s);
+            return s + 0;
+        }
+        {
+            ++cams;
+            wall = field($0, "wallSeconds");
+            if (!match($0, /"lateness":\{[^}]*\}/)) { print "live_cameras: a summary without lateness: " $0 > "/dev/stderr"; exit 1 }
+            late = substr($0, RSTART, RLENGTH);
+            turns += field(late, "turns");
+            over += field(late, "over100Ms");
+            p = field(late, "p99Ms"); if (p > p99) p99 = p;
+            m = field(late, "maxMs"); if (m > max) max = m;
+        }
+        END {
+            if (cams != n) { printf "live_cameras: %d summaries for %d cameras\n", cams, n > "/dev/stderr"; exit 1 }
+            perCam = 100 * cpu / wall / n;
+            printf "%7d  %25.2f  %12.0f  %5d  %20.1f ms  %6.1f ms  %13d\n", n, perCam, 100 / perCam, turns, p99, max, over;
+        }'
+done
