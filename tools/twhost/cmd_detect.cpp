@@ -30,6 +30,7 @@ extern "C" {
 #include "tw/decode.h"
 #include "twhost/clipmaker.h"
 #include "twhost/clock.h"
+#include "twhost/decodetuning.h"
 #include "twhost/eventlog.h"
 #include "twhost/frameobserver.h"
 #include "twhost/logsink.h"
@@ -62,6 +63,7 @@ struct DetectOptions {
     std::string snapshotDir;     // --snapshots: JPEG files
     int snapshotIntervals = 20;
     bool overwrite = false;
+    bool exactDecode = false;    // --exact-decode: keep the H.264/HEVC loop filter
 };
 
 const char* const kCmd = "twhost detect";
@@ -313,6 +315,7 @@ private:
 };
 
 int RunDetect(const DetectOptions& opt) {
+    tw::host::SetExactDetectionDecode(opt.exactDecode);
     Out& out = Out::Get();
     out.SetJson(opt.json);
     std::string region;
@@ -703,5 +706,8 @@ void RegisterDetectCommand(CLI::App& app, int& exitCode) {
     cmd->add_option("--log-level", opt->logLevel,
                     "Plug-in log level 0..7 for every category; the default 3 shows errors only")
         ->check(twcli::IntIn(0, 7));
+    cmd->add_flag("--exact-decode", opt->exactDecode,
+                  "Keep the H.264/HEVC loop filter in the detector's decodes, so its pictures are exactly "
+                  "what a player shows; by default the filter is skipped, which is cheaper");
     cmd->callback([opt, &exitCode]() { exitCode = RunDetect(*opt); });
 }

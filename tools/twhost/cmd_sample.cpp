@@ -27,6 +27,7 @@ struct SampleOptions {
     std::string m_strCodec = "h264";
     double m_DurationSec = 0.0;   // 0: the sample's own length
     std::string m_strSize;        // empty: the sample's own size
+    int m_Gop = 0;                // 0: the sample's own key-frame interval
     bool m_blOverwrite = false;
     bool m_blJson = false;
 };
@@ -72,6 +73,7 @@ void RunSample(const SampleOptions& options, bool outGiven, int& exitCode) {
     clipSpec.codec = CodecFromName(options.m_strCodec);
     if (options.m_DurationSec > 0.0) clipSpec.durationSec = options.m_DurationSec;
     if (!options.m_strSize.empty()) ParseSize(options.m_strSize, clipSpec.width, clipSpec.height);
+    if (options.m_Gop > 0) clipSpec.gop = options.m_Gop;
     std::string path = options.m_strOut;
     if (!outGiven && clipSpec.codec == VIDEO_CODEC_JPEG) path = kDefaultMjpegOut;
 
@@ -152,6 +154,10 @@ void RegisterSampleCommand(CLI::App& app, int& exitCode) {
                 return "size '" + text + "' is not WxH with even sides from 16 to 4096";
             },
             "WxH");
+    sub->add_option("--gop", options->m_Gop,
+                    "Key-frame interval in frames (default " + std::to_string(sample.gop) +
+                        "; cameras often send one key frame a second, 25)")
+        ->check(CLI::Range(1, 600));
     sub->add_flag("-y,--overwrite", options->m_blOverwrite, "Replace OUT if it exists");
     sub->add_flag("--json", options->m_blJson, "Print the result as a JSON \"summary\" line");
     sub->callback([options, out, &exitCode]() {
