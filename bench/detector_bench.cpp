@@ -19,6 +19,7 @@
 #include "tw/decode.h"
 #include "twhost/clipmaker.h"
 #include "twhost/decodeerror.h"
+#include "twhost/decodetuning.h"
 #include "twhost/stores.h"
 
 #include <benchmark/benchmark.h>
@@ -340,6 +341,31 @@ BENCHMARK(BM_Turn_H264_Decode)
     ->UseRealTime()
     ->MeasureProcessCPUTime();
 
+// The same key frames decoded exactly, with the H.264 loop filter that detection decodes skip
+// ("twhost detect --exact-decode").
+void BM_Turn_H264_DecodeExact(benchmark::State& state)
+{
+    const int scene = int(state.range(0));
+    const FramePair& pair = Inputs::Get().h264[scene];
+    H264Decoder decoder;
+    tw::host::SetExactDecode(decoder.attr, true);
+    int i = 0;
+    for (auto _ : state) {
+        const auto& frame = pair.frames[i];
+        i ^= 1;
+        if (DoFFMpegDecode(decoder.attr, frame.data(), int(frame.size())) != 0) {
+            state.SkipWithError(tw::host::LastDecodeError());
+            break;
+        }
+    }
+    state.SetLabel(std::string(SceneName(scene)) + ", loop filter on");
+}
+BENCHMARK(BM_Turn_H264_DecodeExact)
+    ->Apply(BothScenes)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MeasureProcessCPUTime();
+
 void BM_Turn_H264_Scale(benchmark::State& state)
 {
     H264Decoder decoder;
@@ -353,9 +379,28 @@ void BM_Turn_H264_Scale(benchmark::State& state)
         }
         benchmark::DoNotOptimize(decoder.pImage[0]);
     }
-    state.SetLabel("1920x1080 yuv420p -> " + SizeLabel(kDetWidth, kDetHeight) + " RGB, area");
+    state.SetLabel("1920x1080 yuv420p -> " + SizeLabel(kDetWidth, kDetHeight) +
+                   " RGB, planes box-reduced first");
 }
 BENCHMARK(BM_Turn_H264_Scale)->Unit(benchmark::kMicrosecond)->UseRealTime()->MeasureProcessCPUTime();
+
+// The scale as it was: libswscale converts and area-scales the full picture.
+void BM_Turn_H264_ScaleFull(benchmark::State& state)
+{
+    H264Decoder decoder;
+    decoder.Decode(Inputs::Get().h264[kPainted].frames[0]);
+    for (auto _ : state) {
+        int w = kDetWidth;
+        int h = kDetHeight;
+        if (tw::host::DoFFMpegScaleFull(decoder.attr, decoder.pImage, decoder.imageSize, w, h, 0) != 0) {
+            state.SkipWithError(tw::host::LastDecodeError());
+            break;
+        }
+        benchmark::DoNotOptimize(decoder.pImage[0]);
+    }
+    state.SetLabel("1920x1080 yuv420p -> " + SizeLabel(kDetWidth, kDetHeight) + " RGB, full picture");
+}
+BENCHMARK(BM_Turn_H264_ScaleFull)->Unit(benchmark::kMicrosecond)->UseRealTime()->MeasureProcessCPUTime();
 
 // Grey in place overwrites its input, so every iteration starts from a fresh copy of the
 // scaled picture; the copy alone is timed by the next benchmark.

@@ -7,6 +7,7 @@
 
 #include "tw/camera.h"
 #include "twhost/decodeerror.h"
+#include "twhost/decodetuning.h"
 
 #include <csetjmp>
 #include <cstdarg>
@@ -16,11 +17,20 @@
 #include <cstring>
 #include <malloc.h>
 
+#include <atomic>
+#include <new>
+#include <vector>
+
 #include <jerror.h>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/error.h>
+#include <libavutil/common.h>
 #include <libavutil/frame.h>
 #include <libavutil/pixdesc.h>
 #include <libavutil/pixfmt.h>
@@ -276,7 +286,7 @@ const char* AvErrorText(int error, char* szBuf, size_t size)
 // Opens a decoder context. flags and flags2 are set before opening because some decoders
 // read them only then.
 AVCodecContext* OpenDecoder(int codec, const unsigned char* extra, int extraLen, int flags,
-                            int flags2)
+                            int flags2, AVDiscard skipLoopFilter)
 {
     const AVCodecID id = CodecIdOf(codec);
     if (id == AV_CODEC_ID_NONE) {
@@ -309,6 +319,7 @@ AVCodecContext* OpenDecoder(int codec, const unsigned char* extra, int extraLen,
     }
     pCtx->flags = flags;
     pCtx->flags2 = flags2;
+    pCtx->skip_loop_filter = skipLoopFilter;
     // Frame threading delays every picture by one frame per thread, which would break
     // "a key frame gives its picture in the same call". Slices of one picture can still be
     // decoded in parallel; the thread count is left to libavcodec (one per core). Not for
@@ -382,7 +393,373 @@ AVPixelFormat PlainPixelFormat(AVPixelFormat format, bool& blFullRange)
     }
 }
 
+std::atomic<bool> g_blExactDetectionDecode{false};
+
+// Only H.264 and HEVC have an in-loop deblocking filter that libavcodec lets us skip.
+bool HasLoopFilter(int codec)
+{
+    return codec == VIDEO_CODEC_H264 || codec == VIDEO_CODEC_HEVC;
+}
+
+AVDiscard DetectionLoopFilter(int codec)
+{
+    return HasLoopFilter(codec) && !g_blExactDetectionDecode.load(std::memory_order_relaxed)
+               ? AVDISCARD_ALL
+               : AVDISCARD_DEFAULT;
+}
+
+// ---------------------------------------------------------------------------------------
+// Scaling
+//
+// The detector wants a picture of about 120 pixels across from one of up to 4K. Converting
+// every source pixel to RGB and then averaging it away costs more than the rest of a turn.
+// The planes are first box-reduced, each by the same integer factors, to about twice the
+// target (plain integer means, which the compiler vectorises), and libswscale converts and
+// scales that small picture. An integer mean of whole f x f blocks is exactly what area
+// averaging does on those blocks, so the result differs from the full path by rounding.
+
+// Marks a cached scaler as built for the reduced planes; libswscale's own flags stay below.
+constexpr int kReducedScalerFlag = 1 << 30;
+// Sums of up to 16 x 16 bytes still fit the 16-bit accumulators.
+constexpr int kMaxReduceFactor = 16;
+
+struct PlaneLayout {
+    int planes = 0;         // 1 (grey) or 3 (Y, U, V)
+    int chromaShiftX = 0;   // log2 of the chroma subsampling
+    int chromaShiftY = 0;
+};
+
+// The layouts we reduce: 8-bit planar YUV (any subsampling) and 8-bit grey, one component
+// per plane. Everything else (packed, high depth, alpha, RGB, palettes) keeps the full path.
+bool ReducibleLayout(int format, PlaneLayout& layout)
+{
+    const AVPixFmtDescriptor* pDesc = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(format));
+    if (pDesc == nullptr) {
+        return false;
+    }
+    const uint64_t excluded = AV_PIX_FMT_FLAG_BE | AV_PIX_FMT_FLAG_PAL | AV_PIX_FMT_FLAG_HWACCEL |
+                              AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_ALPHA |
+                              AV_PIX_FMT_FLAG_BITSTREAM | AV_PIX_FMT_FLAG_BAYER |
+                              AV_PIX_FMT_FLAG_FLOAT;
+    if ((pDesc->flags & excluded) != 0) {
+        return false;
+    }
+    const int components = pDesc->nb_components;
+    if (components != 1 && components != 3) {
+        return false;
+    }
+    if (components == 3 && (pDesc->flags & AV_PIX_FMT_FLAG_PLANAR) == 0) {
+        return false;
+    }
+    for (int c = 0; c < components; ++c) {
+        const AVComponentDescriptor& comp = pDesc->comp[c];
+        if (comp.plane != c || comp.step != 1 || comp.offset != 0 || comp.shift != 0 ||
+            comp.depth != 8) {
+            return false;
+        }
+    }
+    layout.planes = components;
+    layout.chromaShiftX = components == 3 ? pDesc->log2_chroma_w : 0;
+    layout.chromaShiftY = components == 3 ? pDesc->log2_chroma_h : 0;
+    return true;
+}
+
+// The largest factor f (2 to limit) for which the edge splits into whole f-pixel blocks on
+// every plane; 1 when there is none.
+int WholeBlockFactor(int edge, int limit, int chromaShift)
+{
+    if (limit > kMaxReduceFactor) {
+        limit = kMaxReduceFactor;
+    }
+    for (int f = limit; f >= 2; --f) {
+        if (edge % (f << chromaShift) == 0) {
+            return f;
+        }
+    }
+    return 1;
+}
+
+void ReduceFactors(int srcWidth, int srcHeight, int format, int dstWidth, int dstHeight,
+                   int& fx, int& fy, PlaneLayout& layout)
+{
+    fx = 1;
+    fy = 1;
+    if (dstWidth < 1 || dstHeight < 1 || !ReducibleLayout(format, layout)) {
+        return;
+    }
+    // Twice the target keeps libswscale's last step an area average over at least 2 x 2
+    // reduced pixels, so where its boundaries cut a block the error stays a fraction of one.
+    fx = WholeBlockFactor(srcWidth, srcWidth / (2 * dstWidth), layout.chromaShiftX);
+    fy = WholeBlockFactor(srcHeight, srcHeight / (2 * dstHeight), layout.chromaShiftY);
+}
+
+// Column sums of rows rows of width bytes, stride apart. Strips of 16 columns are summed
+// over all the rows in two vector registers and stored once (SSE2, which every x86-64 CPU
+// has); anything else, and the last columns, take the plain loop.
+void ColumnSums(const uint8_t* pTop, int stride, int rows, int width, uint16_t* acc)
+{
+    int x = 0;
+#if defined(__SSE2__)
+    const __m128i zero = _mm_setzero_si128();
+    for (; x + 16 <= width; x += 16) {
+        __m128i lo = zero;
+        __m128i hi = zero;
+        const uint8_t* pRow = pTop + x;
+        for (int r = 0; r < rows; ++r, pRow += stride) {
+            const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pRow));
+            lo = _mm_add_epi16(lo, _mm_unpacklo_epi8(bytes, zero));
+            hi = _mm_add_epi16(hi, _mm_unpackhi_epi8(bytes, zero));
+        }
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(acc + x), lo);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(acc + x + 8), hi);
+    }
+#endif
+    for (; x < width; ++x) {
+        const uint8_t* pRow = pTop + x;
+        unsigned sum = 0;
+        for (int r = 0; r < rows; ++r, pRow += stride) {
+            sum += *pRow;
+        }
+        acc[x] = static_cast<uint16_t>(sum);
+    }
+}
+
+// Sums of FX neighbouring column sums, divided by the block's area rounded to nearest. The
+// division is a multiplication by ceil(2^32 / area), exact here: sums stay below 2^17 and
+// the area at most 256, so the error term stays below 2^25 / 2^32 of one.
+template <int FX>
+void BlockMeans(const uint16_t* acc, uint8_t* pOut, int outWidth, unsigned area)
+{
+    const uint64_t multiplier = ((uint64_t(1) << 32) + area - 1) / area;
+    const unsigned half = area / 2;
+    for (int ox = 0; ox < outWidth; ++ox, acc += FX) {
+        unsigned sum = 0;
+        for (int k = 0; k < FX; ++k) {
+            sum += acc[k];
+        }
+        pOut[ox] = static_cast<uint8_t>((uint64_t(sum + half) * multiplier) >> 32);
+    }
+}
+
+using BlockMeansFn = void (*)(const uint16_t*, uint8_t*, int, unsigned);
+
+BlockMeansFn BlockMeansFor(int fx)
+{
+    static constexpr BlockMeansFn kTable[kMaxReduceFactor + 1] = {
+        nullptr,        BlockMeans<1>,  BlockMeans<2>,  BlockMeans<3>,  BlockMeans<4>,
+        BlockMeans<5>,  BlockMeans<6>,  BlockMeans<7>,  BlockMeans<8>,  BlockMeans<9>,
+        BlockMeans<10>, BlockMeans<11>, BlockMeans<12>, BlockMeans<13>, BlockMeans<14>,
+        BlockMeans<15>, BlockMeans<16>};
+    return kTable[fx];
+}
+
+// Means of whole fx x fy blocks of one plane, rounded to nearest. outWidth * fx columns
+// and outHeight * fy rows of the source are read; acc holds outWidth * fx sums.
+void BoxReducePlane(const uint8_t* pSrc, int srcStride, int fx, int fy, int outWidth,
+                    int outHeight, uint8_t* pDst, int dstStride, uint16_t* acc)
+{
+    const int inWidth = outWidth * fx;
+    const unsigned area = unsigned(fx) * unsigned(fy);
+    const BlockMeansFn means = BlockMeansFor(fx);
+    for (int oy = 0; oy < outHeight; ++oy) {
+        ColumnSums(pSrc + ptrdiff_t(oy) * fy * srcStride, srcStride, fy, inWidth, acc);
+        means(acc, pDst + ptrdiff_t(oy) * dstStride, outWidth, area);
+    }
+}
+
+// The reduced planes of the calling thread's last picture. A detector's thread scales one
+// picture at a time, so one set per thread is reused from turn to turn.
+struct ReducedPicture {
+    std::vector<uint8_t> pixels;
+    std::vector<uint16_t> acc;
+    uint8_t* data[4] = {nullptr, nullptr, nullptr, nullptr};
+    int linesize[4] = {0, 0, 0, 0};
+};
+thread_local ReducedPicture t_Reduced;
+
+// Fills t_Reduced from pFrame. False when out of memory.
+bool ReducePicture(const AVFrame* pFrame, const PlaneLayout& layout, int fx, int fy)
+{
+    ReducedPicture& r = t_Reduced;
+    int widths[3] = {pFrame->width / fx, 0, 0};
+    int heights[3] = {pFrame->height / fy, 0, 0};
+    for (int p = 1; p < layout.planes; ++p) {
+        // Rounded up as the decoders round the chroma planes of odd sizes; a factor above 1
+        // always divides the edge into whole chroma blocks, so there it is exact.
+        widths[p] = AV_CEIL_RSHIFT(widths[0], layout.chromaShiftX);
+        heights[p] = AV_CEIL_RSHIFT(heights[0], layout.chromaShiftY);
+    }
+    size_t total = 0;
+    size_t offsets[3] = {0, 0, 0};
+    for (int p = 0; p < layout.planes; ++p) {
+        offsets[p] = total;
+        // Rows padded to 64 bytes, as libswscale's vector code likes its input aligned and
+        // may read a little past a row's end.
+        total += size_t((widths[p] + 63) & ~63) * size_t(heights[p]);
+    }
+    try {
+        r.pixels.resize(total + 64);
+        r.acc.resize(size_t(pFrame->width) + 64);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    for (int p = 0; p < 4; ++p) {
+        r.data[p] = nullptr;
+        r.linesize[p] = 0;
+    }
+    uint8_t* pBase = r.pixels.data();
+    pBase += (64 - reinterpret_cast<uintptr_t>(pBase) % 64) % 64;
+    for (int p = 0; p < layout.planes; ++p) {
+        r.data[p] = pBase + offsets[p];
+        r.linesize[p] = (widths[p] + 63) & ~63;
+        BoxReducePlane(pFrame->data[p], pFrame->linesize[p], fx, fy, widths[p], heights[p],
+                       r.data[p], r.linesize[p], r.acc.data());
+    }
+    return true;
+}
+
+int ScalePicture(FFmpegAttr& attr, unsigned char*& out, int& outSize, int width, int height,
+                 int flags, bool blMayReduce)
+{
+    if (!attr.blHasPicture || attr.pFrame == nullptr || attr.pFrame->width < 1 ||
+        attr.pFrame->height < 1) {
+        SetDecodeError("DoFFMpegScale: no decoded picture to scale");
+        return -1;
+    }
+    if (width < 1 || height < 1 || width > kMaxScaleEdge || height > kMaxScaleEdge) {
+        SetDecodeError("DoFFMpegScale: bad target size %dx%d", width, height);
+        return -1;
+    }
+    const AVFrame* pFrame = attr.pFrame;
+    // Area averaging: the detector shrinks pictures by factors of 5 to 20, and averaging
+    // every source pixel into its target pixel is what keeps sensor noise and fine texture
+    // from aliasing into false differences. It is also the cheapest filter that looks at
+    // every source pixel (bilinear widens to twice as many taps at these factors).
+    // The packed-RGB fast path converts pixel pairs and leaves the last column of an odd
+    // width unwritten; full chroma interpolation with accurate rounding takes the generic
+    // path, which writes every pixel. Even widths keep the fast path.
+    int swsFlags = flags != 0 ? flags : SWS_AREA;
+    if (width % 2 != 0) swsFlags |= SWS_FULL_CHR_H_INT | SWS_ACCURATE_RND;
+
+    int fx = 1;
+    int fy = 1;
+    PlaneLayout layout;
+    if (blMayReduce) {
+        ReduceFactors(pFrame->width, pFrame->height, pFrame->format, width, height, fx, fy,
+                      layout);
+    }
+    const bool blReduce = fx > 1 || fy > 1;
+    const int srcWidth = pFrame->width / fx;
+    const int srcHeight = pFrame->height / fy;
+    const int cacheFlags = blReduce ? (swsFlags | kReducedScalerFlag) : swsFlags;
+
+    if (attr.pSwsCtx == nullptr || attr.swsSrcWidth != pFrame->width ||
+        attr.swsSrcHeight != pFrame->height || attr.swsSrcFormat != pFrame->format ||
+        attr.swsDstWidth != width || attr.swsDstHeight != height || attr.swsFlags != cacheFlags) {
+        sws_freeContext(attr.pSwsCtx);
+        attr.pSwsCtx = nullptr;
+        bool blFullRange = false;
+        const AVPixelFormat srcFormat =
+            PlainPixelFormat(static_cast<AVPixelFormat>(pFrame->format), blFullRange);
+        if (RawEnumValue(pFrame->color_range) == AVCOL_RANGE_JPEG) {
+            blFullRange = true;
+        }
+        attr.pSwsCtx = sws_getContext(srcWidth, srcHeight, srcFormat, width, height,
+                                      AV_PIX_FMT_RGB24, swsFlags, nullptr, nullptr, nullptr);
+        if (attr.pSwsCtx == nullptr) {
+            const char* szFormat = av_get_pix_fmt_name(srcFormat);
+            SetDecodeError("DoFFMpegScale: cannot scale %dx%d %s to %dx%d (flags 0x%x)",
+                           pFrame->width, pFrame->height, szFormat ? szFormat : "?", width,
+                           height, swsFlags);
+            return -1;
+        }
+        // Colour matrix and range of the stream, taken when the scaler is built: they do
+        // not change within a stream without its size or format changing as well.
+        // The decoders copy the stream's 8-bit matrix code as it stands, so a damaged or
+        // hostile stream can carry a value that no enumerator names (MPEG-4 with 228 was
+        // seen); anything unknown gets the default matrix.
+        const int matrix = RawEnumValue(pFrame->colorspace);
+        const int colorspace =
+            (matrix <= AVCOL_SPC_RGB || matrix == AVCOL_SPC_UNSPECIFIED || matrix >= AVCOL_SPC_NB)
+                ? SWS_CS_DEFAULT
+                : matrix;
+        sws_setColorspaceDetails(attr.pSwsCtx, sws_getCoefficients(colorspace),
+                                 blFullRange ? 1 : 0, sws_getCoefficients(SWS_CS_DEFAULT), 1, 0,
+                                 1 << 16, 1 << 16);
+        attr.swsSrcWidth = pFrame->width;
+        attr.swsSrcHeight = pFrame->height;
+        attr.swsSrcFormat = pFrame->format;
+        attr.swsDstWidth = width;
+        attr.swsDstHeight = height;
+        attr.swsFlags = cacheFlags;
+    }
+
+    const size_t bytes = size_t(width) * size_t(height) * 3;
+    // libswscale's vector code stores whole registers and may write up to 16 bytes past the
+    // last row; the slack keeps that inside the buffer. outSize stays the picture's size.
+    constexpr size_t kScalerSlack = 64;
+    if (!EnsureBuffer(out, bytes + kScalerSlack)) {
+        SetDecodeError("DoFFMpegScale: out of memory for %zu bytes", bytes);
+        return -1;
+    }
+    const uint8_t* const* srcData = pFrame->data;
+    const int* srcStride = pFrame->linesize;
+    if (blReduce) {
+        if (!ReducePicture(pFrame, layout, fx, fy)) {
+            SetDecodeError("DoFFMpegScale: out of memory for the reduced %dx%d picture",
+                           srcWidth, srcHeight);
+            return -1;
+        }
+        srcData = t_Reduced.data;
+        srcStride = t_Reduced.linesize;
+    }
+    uint8_t* dst[4] = {out, nullptr, nullptr, nullptr};
+    int dstStride[4] = {width * 3, 0, 0, 0};
+    const int rows = sws_scale(attr.pSwsCtx, srcData, srcStride, 0, srcHeight, dst, dstStride);
+    if (rows != height) {
+        SetDecodeError("DoFFMpegScale: scaler wrote %d of %d rows", rows, height);
+        return -1;
+    }
+    outSize = static_cast<int>(bytes);
+    return 0;
+}
+
 }  // namespace
+
+void SetExactDetectionDecode(bool exact)
+{
+    g_blExactDetectionDecode.store(exact, std::memory_order_relaxed);
+}
+
+bool IsExactDetectionDecode()
+{
+    return g_blExactDetectionDecode.load(std::memory_order_relaxed);
+}
+
+int SetExactDecode(FFmpegAttr& attr, bool exact)
+{
+    if (attr.pCodecCtx == nullptr) {
+        SetDecodeError("SetExactDecode: decoder is not initialised");
+        return -1;
+    }
+    // libavcodec reads the setting on every slice, so an open decoder takes it at once.
+    attr.pCodecCtx->skip_loop_filter =
+        exact || !HasLoopFilter(attr.codec) ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+    return 0;
+}
+
+int DoFFMpegScaleFull(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& width,
+                      int& height, int flags)
+{
+    return ScalePicture(attr, out, outSize, width, height, flags, false);
+}
+
+void ScaleReduceFactors(int srcWidth, int srcHeight, int pixFormat, int dstWidth,
+                        int dstHeight, int& fx, int& fy)
+{
+    PlaneLayout layout;
+    ReduceFactors(srcWidth, srcHeight, pixFormat, dstWidth, dstHeight, fx, fy, layout);
+}
 
 const char* LastDecodeError()
 {
@@ -443,7 +820,8 @@ int DoFFMpegInitVideo(FFmpegAttr& attr, int codec, const unsigned char* extra, i
         SetDecodeError("DoFFMpegInitVideo: bad extra data (%d bytes)", extraLen);
         return -1;
     }
-    attr.pCodecCtx = tw::host::OpenDecoder(codec, extra, extraLen, 0, 0);
+    attr.pCodecCtx =
+        tw::host::OpenDecoder(codec, extra, extraLen, 0, 0, tw::host::DetectionLoopFilter(codec));
     if (attr.pCodecCtx == nullptr) {
         return -1;
     }
@@ -460,9 +838,11 @@ int DoFFMpegResetContext(FFmpegAttr& attr)
 {
     int flags = 0;
     int flags2 = 0;
+    AVDiscard skipLoopFilter = tw::host::DetectionLoopFilter(attr.codec);
     if (attr.pCodecCtx != nullptr) {
         flags = attr.pCodecCtx->flags;
         flags2 = attr.pCodecCtx->flags2;
+        skipLoopFilter = attr.pCodecCtx->skip_loop_filter;
     } else if (tw::host::CodecIdOf(attr.codec) == AV_CODEC_ID_NONE) {
         SetDecodeError("DoFFMpegResetContext: decoder was never initialised");
         return -1;
@@ -470,7 +850,8 @@ int DoFFMpegResetContext(FFmpegAttr& attr)
     // Our streams repeat their parameter sets in every key frame, so the new context needs
     // no extra data. The old context stays in place until the new one is open, so a failed
     // reset leaves a working decoder behind.
-    AVCodecContext* pFresh = tw::host::OpenDecoder(attr.codec, nullptr, 0, flags, flags2);
+    AVCodecContext* pFresh =
+        tw::host::OpenDecoder(attr.codec, nullptr, 0, flags, flags2, skipLoopFilter);
     if (pFresh == nullptr) {
         return -1;
     }
@@ -571,86 +952,7 @@ int DoFFMpegDecode(FFmpegAttr& attr, const unsigned char* data, int size)
 int DoFFMpegScale(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& width, int& height,
                   int flags)
 {
-    if (!attr.blHasPicture || attr.pFrame == nullptr || attr.pFrame->width < 1 ||
-        attr.pFrame->height < 1) {
-        SetDecodeError("DoFFMpegScale: no decoded picture to scale");
-        return -1;
-    }
-    if (width < 1 || height < 1 || width > tw::host::kMaxScaleEdge ||
-        height > tw::host::kMaxScaleEdge) {
-        SetDecodeError("DoFFMpegScale: bad target size %dx%d", width, height);
-        return -1;
-    }
-    const AVFrame* pFrame = attr.pFrame;
-    // Area averaging: the detector shrinks pictures by factors of 5 to 20, and averaging
-    // every source pixel into its target pixel is what keeps sensor noise and fine texture
-    // from aliasing into false differences. It is also the cheapest filter that looks at
-    // every source pixel (bilinear widens to twice as many taps at these factors).
-    // The packed-RGB fast path converts pixel pairs and leaves the last column of an odd
-    // width unwritten; full chroma interpolation with accurate rounding takes the generic
-    // path, which writes every pixel. Even widths keep the fast path.
-    int swsFlags = flags != 0 ? flags : SWS_AREA;
-    if (width % 2 != 0) swsFlags |= SWS_FULL_CHR_H_INT | SWS_ACCURATE_RND;
-
-    if (attr.pSwsCtx == nullptr || attr.swsSrcWidth != pFrame->width ||
-        attr.swsSrcHeight != pFrame->height || attr.swsSrcFormat != pFrame->format ||
-        attr.swsDstWidth != width || attr.swsDstHeight != height || attr.swsFlags != swsFlags) {
-        sws_freeContext(attr.pSwsCtx);
-        attr.pSwsCtx = nullptr;
-        bool blFullRange = false;
-        const AVPixelFormat srcFormat =
-            tw::host::PlainPixelFormat(static_cast<AVPixelFormat>(pFrame->format), blFullRange);
-        if (tw::host::RawEnumValue(pFrame->color_range) == AVCOL_RANGE_JPEG) {
-            blFullRange = true;
-        }
-        attr.pSwsCtx = sws_getContext(pFrame->width, pFrame->height, srcFormat, width, height,
-                                      AV_PIX_FMT_RGB24, swsFlags, nullptr, nullptr, nullptr);
-        if (attr.pSwsCtx == nullptr) {
-            const char* szFormat = av_get_pix_fmt_name(srcFormat);
-            SetDecodeError("DoFFMpegScale: cannot scale %dx%d %s to %dx%d (flags 0x%x)",
-                           pFrame->width, pFrame->height, szFormat ? szFormat : "?", width,
-                           height, swsFlags);
-            return -1;
-        }
-        // Colour matrix and range of the stream, taken when the scaler is built: they do
-        // not change within a stream without its size or format changing as well.
-        // The decoders copy the stream's 8-bit matrix code as it stands, so a damaged or
-        // hostile stream can carry a value that no enumerator names (MPEG-4 with 228 was
-        // seen); anything unknown gets the default matrix.
-        const int matrix = tw::host::RawEnumValue(pFrame->colorspace);
-        const int colorspace =
-            (matrix <= AVCOL_SPC_RGB || matrix == AVCOL_SPC_UNSPECIFIED || matrix >= AVCOL_SPC_NB)
-                ? SWS_CS_DEFAULT
-                : matrix;
-        sws_setColorspaceDetails(attr.pSwsCtx, sws_getCoefficients(colorspace),
-                                 blFullRange ? 1 : 0, sws_getCoefficients(SWS_CS_DEFAULT), 1, 0,
-                                 1 << 16, 1 << 16);
-        attr.swsSrcWidth = pFrame->width;
-        attr.swsSrcHeight = pFrame->height;
-        attr.swsSrcFormat = pFrame->format;
-        attr.swsDstWidth = width;
-        attr.swsDstHeight = height;
-        attr.swsFlags = swsFlags;
-    }
-
-    const size_t bytes = size_t(width) * size_t(height) * 3;
-    // libswscale's vector code stores whole registers and may write up to 16 bytes past the
-    // last row; the slack keeps that inside the buffer. outSize stays the picture's size.
-    constexpr size_t kScalerSlack = 64;
-    if (!tw::host::EnsureBuffer(out, bytes + kScalerSlack)) {
-        SetDecodeError("DoFFMpegScale: out of memory for %zu bytes", bytes);
-        return -1;
-    }
-    uint8_t* dst[4] = {out, nullptr, nullptr, nullptr};
-    int dstStride[4] = {width * 3, 0, 0, 0};
-    const int rows = sws_scale(attr.pSwsCtx, pFrame->data, pFrame->linesize, 0, pFrame->height,
-                               dst, dstStride);
-    if (rows != height) {
-        SetDecodeError("DoFFMpegScale: scaler wrote %d of %d rows", rows, height);
-        return -1;
-    }
-    outSize = static_cast<int>(bytes);
-    return 0;
+    return tw::host::ScalePicture(attr, out, outSize, width, height, flags, true);
 }
 
 int DoFFMpegFree(FFmpegAttr& attr, unsigned char*& image)

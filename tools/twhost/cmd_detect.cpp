@@ -34,6 +34,7 @@ extern "C" {
 #include "tw/decode.h"
 #include "twhost/clipmaker.h"
 #include "twhost/clock.h"
+#include "twhost/decodetuning.h"
 #include "twhost/eventlog.h"
 #include "twhost/frameobserver.h"
 #include "twhost/logsink.h"
@@ -70,6 +71,7 @@ struct DetectOptions {
     int snapshotIntervals = 20;
     bool overwrite = false;
     double stagger = 0;          // several sources: seconds over which their starts spread
+    bool exactDecode = false;    // --exact-decode: keep the H.264/HEVC loop filter
 };
 
 const char* const kCmd = "twhost detect";
@@ -997,7 +999,11 @@ void RegisterDetectCommand(CLI::App& app, int& exitCode) {
     cmd->add_option("--log-level", opt->logLevel,
                     "Plug-in log level 0..7 for every category; the default 3 shows errors only")
         ->check(twcli::IntIn(0, 7));
+    cmd->add_flag("--exact-decode", opt->exactDecode,
+                  "Keep the H.264/HEVC loop filter in the detector's decodes, so its pictures are exactly "
+                  "what a player shows; by default the filter is skipped, which is cheaper");
     cmd->callback([opt, &exitCode]() {
+        tw::host::SetExactDetectionDecode(opt->exactDecode);
         if (opt->sources.size() > 1) {
             exitCode = RunDetectMany(*opt);
             return;

@@ -12,6 +12,7 @@ extern "C" {
 }
 
 #include "tw/camera.h"
+#include "twhost/decodetuning.h"
 #include "twhost/clipmaker.h"
 #include "twhost/decodeerror.h"
 
@@ -104,6 +105,9 @@ bool FrameDecoder::Decode(const unsigned char* data, int size, RgbPicture& out, 
             DoFFMpegFree(m_Attr, m_pImage);
             return false;
         }
+        // People look at these pictures, so they keep the deblocking filter that the
+        // detection decoders skip.
+        tw::host::SetExactDecode(m_Attr, true);
         m_blOpen = true;
     }
     if (DoFFMpegDecode(m_Attr, data, size) != 0) {

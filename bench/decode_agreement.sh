@@ -1,0 +1,97 @@
+#!/bin/sh
+# Verdict agreement between the detector's default decoding (H.264/HEVC without the in-loop
+# deblocking filter) and exact decoding ("twhost detect --exact-decode"), turn by turn.
+#
+# Usage: decode_agreement.sh [BUILD_DIR] [BENCH_SECONDS]
+#   BUILD_DIR      build tree holding bin/twhost (default: ../build next to this script)
+#   BENCH_SECONDS  length of the 1080p bench clip (default 60)
+#
+# The clips are made with "twhost sample" into a temporary directory, removed at exit: the
+# codecs and sizes the tests make their clips in (MJPEG, MPEG-4 and H.264 at 320x180, H.264
+# at 640x360 as "twhost sample" and "twhost detect" without a source use it, HEVC at
+# 640x360, all with a key frame every 6 frames), and a 1920x1080 H.264 clip with a key frame
+# a second as cameras send them. Each is judged twice with --json; a turn agrees when both
+# runs give the same motion flag and value at the same time. Prints, per clip, the turns,
+# the share that agree, and whether the motion intervals of the two summaries are the same.
+# Exit status 1 when a clip falls below 99.5 % or its intervals differ.
+
+set -eu
+
+SCRIPT_DIR=$(cd "$(dirname "$0")" && pwd)
+BUILD_DIR=${1:-"$SCRIPT_DIR/../build"}
+BENCH_SECONDS=${2:-60}
+
+TWHOST="$BUILD_DIR/bin/twhost"
+if [ ! -x "$TWHOST" ]; then
+    echo "decode_agreement: no twhost binary at $TWHOST (build the twhost_tool target, or pass the build directory)" >&2
+    exit 2
+fi
+
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/decode_agreement.XXXXXX")
+trap 'rm -rf "$WORK"' EXIT INT TERM
+
+# name codec size gop duration file
+CLIPS="mjpeg_320x180 mjpeg 320x180 6 20 avi
+mpeg4_320x180 mpeg4 320x180 6 20 mp4
+h264_320x180 h264 320x180 6 20 mp4
+h264_640x360 h264 640x360 6 20 mp4
+hevc_640x360 hevc 640x360 6 20 mp4
+h264_1920x1080_gop25 h264 1920x1080 25 $BENCH_SECONDS mp4"
+
+# "t motion value" per status line, in order.
+statuses() {
+    awk '/"type":"status"/ {
+        t = $0; sub(/.*"t":/, "", t); sub(/[,}].*/, "", t);
+        m = $0; sub(/.*"motion":/, "", m); sub(/[,}].*/, "", m);
+        v = $0; sub(/.*"value":/, "", v); sub(/[,}].*/, "", v);
+        print t, m, v }' "$1"
+}
+
+# The summary's intervals as they stand in the JSON text.
+intervals() {
+    awk '/"type":"summary"/ { s = $0; sub(/.*"intervals":/, "", s); sub(/\].*/, "]", s); print s }' "$1"
+}
+
+status=0
+printf '%-22s %7s %9s %s\n' clip turns agree intervals
+echo "$CLIPS" | while read -r name codec size gop duration ext; do
+    clip="$WORK/$name.$ext"
+    if ! "$TWHOST" sample "$clip" --codec "$codec" --size "$size" --gop "$gop" --duration "$duration" \
+        >"$WORK/sample.log" 2>&1; then
+        echo "decode_agreement: twhost sample failed for $name:" >&2
+        cat "$WORK/sample.log" >&2
+        exit 1
+    fi
+    for mode in default exact; do
+        extra=""
+        [ "$mode" = exact ] && extra="--exact-decode"
+        # shellcheck disable=SC2086  # extra is one flag or nothing
+        if ! "$TWHOST" detect "$clip" --json $extra >"$WORK/$name.$mode.json" 2>"$WORK/$name.$mode.err"; then
+            echo "decode_agreement: twhost detect ($mode) failed on $name:" >&2
+            cat "$WORK/$name.$mode.err" >&2
+            exit 1
+        fi
+        statuses "$WORK/$name.$mode.json" >"$WORK/$name.$mode.turns"
+    done
+    result=$(paste -d' ' "$WORK/$name.default.turns" "$WORK/$name.exact.turns" | awk '
+        { n++; if (NF == 6 && $1 == $4 && $2 == $5 && $3 == $6) same++ }
+        END { if (n == 0) { print 0, "0.00"; exit } printf "%d %.2f\n", n, 100.0 * same / n }')
+    turnsA=$(wc -l <"$WORK/$name.default.turns")
+    turnsB=$(wc -l <"$WORK/$name.exact.turns")
+    turns=${result% *}
+    share=${result#* }
+    if [ "$(intervals "$WORK/$name.default.json")" = "$(intervals "$WORK/$name.exact.json")" ]; then
+        same="same"
+    else
+        same="DIFFERENT: $(intervals "$WORK/$name.default.json") vs $(intervals "$WORK/$name.exact.json")"
+    fi
+    note=""
+    [ "$turnsA" -ne "$turnsB" ] && note=" (turns: $turnsA default, $turnsB exact)"
+    printf '%-22s %7s %8s%% %s%s\n' "$name" "$turns" "$share" "$same" "$note"
+    if [ "$same" != same ] || [ "$turnsA" -ne "$turnsB" ] ||
+        awk -v s="$share" 'BEGIN { exit !(s < 99.5) }'; then
+        echo "below the bar" >"$WORK/failed"
+    fi
+done
+[ -e "$WORK/failed" ] && status=1
+exit $status

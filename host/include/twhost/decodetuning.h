@@ -1,0 +1,34 @@
+// Host-side knobs of the video decoding services that the plug-in's interface has no room
+// for: how exact the detection decoders are, and the scaler's reference path.
+#pragma once
+
+#include "tw/decode.h"
+
+namespace tw::host {
+
+// Detection decoders (DoFFMpegInitVideo) skip the H.264/HEVC in-loop deblocking filter: the
+// detector looks at a 120-pixel-wide average of the picture, where the filter's smoothing
+// of block edges is lost in the averaging, and the filter costs about a tenth of a key
+// frame's decode. true turns the filter back on for decoders opened from then on
+// ("twhost detect --exact-decode"). Process-wide; default false.
+void SetExactDetectionDecode(bool exact);
+bool IsExactDetectionDecode();
+
+// Turns the loop filter of one open decoder on (exact) or off, whatever the process-wide
+// setting; for pictures people look at (snapshots, report pictures). No effect on codecs
+// without a loop filter. 0 on success, -1 when the decoder is not open.
+int SetExactDecode(FFmpegAttr& attr, bool exact);
+
+// DoFFMpegScale as it was before the planes were box-reduced first: libswscale converts and
+// scales the full picture. Kept for the tests and benchmarks that measure what the cheaper
+// path changes; same contract as DoFFMpegScale.
+int DoFFMpegScaleFull(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& width,
+                      int& height, int flags);
+
+// The integer box factors DoFFMpegScale reduces the planes of a srcWidth x srcHeight
+// picture in pixel format pixFormat (an AVPixelFormat) by before it scales to dstWidth x
+// dstHeight; 1 x 1 when it scales the full picture. For tests and benchmarks.
+void ScaleReduceFactors(int srcWidth, int srcHeight, int pixFormat, int dstWidth,
+                        int dstHeight, int& fx, int& fy);
+
+}  // namespace tw::host
