@@ -282,6 +282,46 @@ TEST(ScaleReduce, OtherTargetSizes)
     DoFFMpegFree(attr, none);
 }
 
+// Blocks 8 and 16 wide have a faster path of their own; it must give exactly the sums and
+// the rounding of the general one, whatever the bytes (extremes included), the number of
+// rows per block, and a row that ends in a half vector.
+TEST(ScaleReduce, WideBlockFastPathIsTheGeneralPathToTheBit)
+{
+    const int widths[] = {1, 2, 3, 5, 120, 121};
+    for (const int fx : {8, 16}) {
+        for (const int fy : {1, 2, 4, 6, 8, 16}) {
+            for (const int outWidth : widths) {
+                const int outHeight = 3;
+                const int stride = outWidth * fx + 24;   // rows wider than what is read
+                std::vector<unsigned char> src(size_t(stride) * size_t(outHeight * fy));
+                uint32_t state = 2463534242u ^ uint32_t(fx * 977 + fy * 131 + outWidth);
+                for (size_t i = 0; i < src.size(); ++i) {
+                    state ^= state << 13;
+                    state ^= state >> 17;
+                    state ^= state << 5;
+                    // Runs of 0 and 255 among random bytes: the sums' extremes.
+                    const unsigned pick = state % 8u;
+                    src[i] = pick == 0 ? 0 : pick == 1 ? 255 : static_cast<unsigned char>(state >> 8);
+                }
+                std::vector<unsigned char> fast(size_t(outWidth) * outHeight, 7);
+                std::vector<unsigned char> general(size_t(outWidth) * outHeight, 9);
+                tw::host::BoxReducePlaneOf(src.data(), stride, fx, fy, outWidth, outHeight, fast.data(),
+                                           outWidth, false);
+                tw::host::BoxReducePlaneOf(src.data(), stride, fx, fy, outWidth, outHeight, general.data(),
+                                           outWidth, true);
+                ASSERT_EQ(fast, general) << fx << "x" << fy << " blocks, " << outWidth << " wide";
+                // And the first block is the rounded mean, worked out here.
+                unsigned sum = 0;
+                for (int r = 0; r < fy; ++r) {
+                    for (int k = 0; k < fx; ++k) sum += src[size_t(r) * stride + k];
+                }
+                const unsigned area = unsigned(fx * fy);
+                EXPECT_EQ(fast[0], (sum + area / 2) / area) << fx << "x" << fy;
+            }
+        }
+    }
+}
+
 // Switching between the two paths on one record rebuilds the scaler each time; a scaler
 // built for the reduced planes must never be fed the full picture or the other way round.
 TEST(ScaleReduce, AlternatingPathsKeepTheirOwnScaler)

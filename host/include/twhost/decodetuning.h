@@ -31,4 +31,11 @@ int DoFFMpegScaleFull(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& 
 void ScaleReduceFactors(int srcWidth, int srcHeight, int pixFormat, int dstWidth,
                         int dstHeight, int& fx, int& fy);
 
+// Means of whole fx x fy blocks of one 8-bit plane (outWidth * fx columns, outHeight * fy
+// rows read), rounded to nearest: the reduction DoFFMpegScale applies to each plane.
+// blGeneral forces the general column-sum path that every factor can take, so that tests
+// can hold the faster paths of some factors to the same result. fx and fy 1 to 16.
+void BoxReducePlaneOf(const unsigned char* src, int srcStride, int fx, int fy, int outWidth,
+                      int outHeight, unsigned char* dst, int dstStride, bool blGeneral);
+
 }  // namespace tw::host
