@@ -239,6 +239,16 @@ bool SetOption(AVCodecContext* ctx, const char* name, const std::string& value,
     return true;
 }
 
+// A camera's rate control: the average and the ceiling at the set rate, over a buffer of
+// one second, so that key frames get what the rate leaves them.
+void SetBitrate(const ClipSpec& clipSpec, AVCodecContext* ctx) {
+    if (clipSpec.bitrateKbps <= 0) return;
+    const int64_t bitsPerSecond = int64_t(clipSpec.bitrateKbps) * 1000;
+    ctx->bit_rate = bitsPerSecond;
+    ctx->rc_max_rate = bitsPerSecond;
+    ctx->rc_buffer_size = static_cast<int>(bitsPerSecond);
+}
+
 bool ConfigureEncoder(const ClipSpec& clipSpec, AVCodecContext* ctx, std::string& error) {
     ctx->width = clipSpec.width;
     ctx->height = clipSpec.height;
@@ -262,6 +272,7 @@ bool ConfigureEncoder(const ClipSpec& clipSpec, AVCodecContext* ctx, std::string
         ctx->global_quality = FF_QP2LAMBDA * 4;
         return true;
     case VIDEO_CODEC_H264: {
+        SetBitrate(clipSpec, ctx);
         ctx->pix_fmt = AV_PIX_FMT_YUV420P;
         ctx->max_b_frames = clipSpec.bFrames;
         if (!SetOption(ctx, "preset", "veryfast", error)) return false;
@@ -275,6 +286,7 @@ bool ConfigureEncoder(const ClipSpec& clipSpec, AVCodecContext* ctx, std::string
         return SetOption(ctx, "x264-params", params, error);
     }
     case VIDEO_CODEC_HEVC: {
+        SetBitrate(clipSpec, ctx);
         ctx->pix_fmt = AV_PIX_FMT_YUV420P;
         ctx->max_b_frames = clipSpec.bFrames;
         if (!SetOption(ctx, "preset", "ultrafast", error)) return false;
@@ -643,6 +655,14 @@ bool CheckClipSpec(const ClipSpec& clipSpec, std::string& error) {
     }
     if (clipSpec.gop < 1 || clipSpec.gop > 1000) {
         error = "key-frame interval " + std::to_string(clipSpec.gop) + " is out of range (1 to 1000)";
+        return false;
+    }
+    if (clipSpec.bitrateKbps < 0 || clipSpec.bitrateKbps > 1000000) {
+        error = "bit rate " + std::to_string(clipSpec.bitrateKbps) + " kbit/s is out of range (1 to 1000000)";
+        return false;
+    }
+    if (clipSpec.bitrateKbps > 0 && clipSpec.codec != VIDEO_CODEC_H264 && clipSpec.codec != VIDEO_CODEC_HEVC) {
+        error = "a bit rate applies to H.264 and HEVC clips only; MJPEG and MPEG-4 clips have a fixed quantiser";
         return false;
     }
     if (clipSpec.bFrames < 0 || clipSpec.bFrames > kMaxBFrames) {

@@ -21,6 +21,7 @@ extern "C" {
 
 #include "support/childprocess.h"
 #include "support/detecttimeline.h"
+#include "support/jsonlines.h"
 #include "support/testenv.h"
 #include "tw/camera.h"
 #include "twhost/clipmaker.h"
@@ -423,6 +424,55 @@ INSTANTIATE_TEST_SUITE_P(Codecs, TwhostSample,
                          [](const ::testing::TestParamInfo<SampleCodec>& info) {
                              return std::string(info.param.name);
                          });
+
+// The one summary line of "twhost sample --json", checked against the README's table.
+Json::Value SampleSummary(const std::string& out) {
+    std::vector<Json::Value> lines;
+    std::string error;
+    EXPECT_TRUE(tw::test::ParseJsonLines(out, lines, error)) << error;
+    EXPECT_EQ(lines.size(), 1u) << out;
+    EXPECT_EQ(tw::test::CheckJsonLines("twhost sample", lines), std::vector<std::string>{});
+    return lines.empty() ? Json::Value() : lines.back();
+}
+
+long FileSize(const std::string& path) {
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    return in ? static_cast<long>(in.tellg()) : -1;
+}
+
+// A bit rate makes the clip a camera's stream: its bytes follow the rate (within what a
+// rate control over 4 s with a one-second buffer keeps), where the grainy scene at constant
+// quality takes several times as much; the JSON summary says which rate it was.
+TEST(TwhostSampleBitrate, CapsTheStreamNearTheRateAndSaysSo) {
+    tw::test::ScopedTempDir dir;
+    ASSERT_TRUE(dir.Ok());
+    const std::string capped = dir.File("capped.mp4");
+    const std::string free = dir.File("free.mp4");
+    const ChildResult r = Twhost({"sample", capped, "--duration", "4", "--bitrate", "300", "--json"});
+    ASSERT_TRUE(r.exited && r.exitCode == 0) << r.Describe() << "\n" << r.err;
+    const Json::Value summary = SampleSummary(r.out);
+    EXPECT_EQ(summary["settings"]["bitrate"].asInt(), 300) << r.out;
+    const ChildResult q = Twhost({"sample", free, "--duration", "4", "--json"});
+    ASSERT_TRUE(q.exited && q.exitCode == 0) << q.Describe() << "\n" << q.err;
+    EXPECT_FALSE(SampleSummary(q.out)["settings"].isMember("bitrate")) << q.out;
+    const long cappedBytes = FileSize(capped);
+    const long freeBytes = FileSize(free);
+    const long nominal = 300L * 1000 / 8 * 4;   // 150,000 bytes
+    EXPECT_GT(cappedBytes, nominal / 2);
+    EXPECT_LT(cappedBytes, nominal * 3 / 2);
+    EXPECT_GT(freeBytes, 2 * cappedBytes);
+}
+
+TEST(TwhostSampleBitrate, IsRefusedForCodecsWithAFixedQuantiserNamingTheReason) {
+    tw::test::ScopedTempDir dir;
+    ASSERT_TRUE(dir.Ok());
+    const std::string path = dir.File("sample.avi");
+    const ChildResult r = Twhost({"sample", path, "--codec", "mjpeg", "--bitrate", "300"});
+    ASSERT_TRUE(r.exited) << r.Describe();
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(Contains(r.err, "a bit rate applies to H.264 and HEVC clips only")) << r.err;
+    EXPECT_NE(access(path.c_str(), F_OK), 0) << "nothing is left behind";
+}
 
 struct CorruptCase {
     const char* name;

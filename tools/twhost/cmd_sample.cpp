@@ -28,6 +28,7 @@ struct SampleOptions {
     double m_DurationSec = 0.0;   // 0: the sample's own length
     std::string m_strSize;        // empty: the sample's own size
     int m_Gop = 0;                // 0: the sample's own key-frame interval
+    int m_BitrateKbps = 0;        // 0: constant quality
     bool m_blOverwrite = false;
     bool m_blJson = false;
 };
@@ -74,6 +75,7 @@ void RunSample(const SampleOptions& options, bool outGiven, int& exitCode) {
     if (options.m_DurationSec > 0.0) clipSpec.durationSec = options.m_DurationSec;
     if (!options.m_strSize.empty()) ParseSize(options.m_strSize, clipSpec.width, clipSpec.height);
     if (options.m_Gop > 0) clipSpec.gop = options.m_Gop;
+    clipSpec.bitrateKbps = options.m_BitrateKbps;
     std::string path = options.m_strOut;
     if (!outGiven && clipSpec.codec == VIDEO_CODEC_JPEG) path = kDefaultMjpegOut;
 
@@ -104,6 +106,7 @@ void RunSample(const SampleOptions& options, bool outGiven, int& exitCode) {
         settings["duration"] = clipSpec.durationSec;
         settings["fps"] = clipSpec.fps;
         settings["gop"] = clipSpec.gop;
+        if (clipSpec.bitrateKbps > 0) settings["bitrate"] = clipSpec.bitrateKbps;
         v["settings"] = settings;
         v["endReason"] = "written";
         v["output"] = path;
@@ -159,6 +162,10 @@ void RegisterSampleCommand(CLI::App& app, int& exitCode) {
                     "Frames from one key frame to the next (default " + std::to_string(sample.gop) +
                         "; " + std::to_string(sample.fps) + " make one a second, as many cameras send)")
         ->check(CLI::Range(1, 600));
+    sub->add_option("--bitrate", options->m_BitrateKbps,
+                    "H.264/HEVC only: encode at this many kbit/s with a one-second buffer, as a camera set to a "
+                    "bit rate does (e.g. 4000 for 1080p); without it the clip keeps its grain at constant quality")
+        ->check(CLI::Range(1, 1000000));
     sub->add_flag("-y,--overwrite", options->m_blOverwrite, "Replace OUT if it exists");
     sub->add_flag("--json", options->m_blJson, "Print the result as a JSON \"summary\" line");
     sub->callback([options, out, &exitCode]() {

@@ -21,6 +21,10 @@ struct ClipSpec {
     // [start, end) seconds in which the object moves; outside them it stands still.
     std::vector<std::pair<double, double>> motion = {{4.0, 7.0}, {10.0, 11.5}};
     int objectSize = 0;       // edge of the square object in pixels; 0 = height / 4
+    // H.264 and HEVC: 0 encodes at constant quality (the texture's grain kept, large key
+    // frames); N > 0 caps the stream at N kbit/s with a one-second buffer, as a camera
+    // configured for a bit rate sends it.
+    int bitrateKbps = 0;
 };
 
 // The built-in sample of "twhost sample" and "twhost detect" without a source.
