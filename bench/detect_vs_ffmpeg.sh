@@ -13,6 +13,8 @@
 # The clip is "twhost sample" at 1920x1080 H.264: a textured scene with per-pixel grain
 # (sensor noise) in which a bright square moves twice; written into a temporary directory
 # and removed at exit. CPU is user + system time of each whole process, set-up included.
+# BITRATE (kbit/s, default 4000, as a camera set for 1080p sends) sets the clip's bit rate;
+# BITRATE= (empty) keeps the sample's grain at constant quality, key frames of about 520 KiB.
 # Needs the ffmpeg program (Debian package "ffmpeg": apt-get install ffmpeg).
 
 set -eu
@@ -22,6 +24,9 @@ BUILD_DIR=${1:-"$SCRIPT_DIR/../build"}
 RUNS=${2:-5}
 DURATION=${3:-60}
 GOP=${4:-25}
+BITRATE=${BITRATE-4000}
+RATE_TEXT=${BITRATE:+$BITRATE kbit/s}
+RATE_TEXT=${RATE_TEXT:-constant quality}
 
 TWHOST="$BUILD_DIR/bin/twhost"
 if [ ! -x "$TWHOST" ]; then
@@ -39,12 +44,12 @@ esac
 WORK=$(mktemp -d "${TMPDIR:-/tmp}/detect_vs_ffmpeg.XXXXXX")
 trap 'rm -rf "$WORK"' EXIT INT TERM
 CLIP="$WORK/clip1080p.mp4"
-"$TWHOST" sample "$CLIP" --size 1920x1080 --duration "$DURATION" --gop "$GOP" >"$WORK/sample.log" 2>&1 || {
+"$TWHOST" sample "$CLIP" --size 1920x1080 --duration "$DURATION" --gop "$GOP" ${BITRATE:+--bitrate "$BITRATE"} >"$WORK/sample.log" 2>&1 || {
     echo "detect_vs_ffmpeg: twhost sample failed:" >&2
     cat "$WORK/sample.log" >&2
     exit 1
 }
-echo "clip: 1920x1080 H.264, $DURATION s, key frame every $GOP frames at 25 fps ($(wc -c <"$CLIP") bytes)"
+echo "clip: 1920x1080 H.264, $DURATION s, key frame every $GOP frames at 25 fps, $RATE_TEXT ($(wc -c <"$CLIP") bytes)"
 
 # Seconds of CPU used by this shell's finished children so far (second line of "times").
 children_cpu() {

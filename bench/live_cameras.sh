@@ -17,7 +17,9 @@
 # The cameras start one after another over one second (--stagger 1, the clip's GOP): copies
 # of one file started together would have their key frames, and so their decodes, in
 # lock-step, which no set of real cameras has. STAGGER=0 in the environment starts them
-# all at once, the worst case.
+# all at once, the worst case. BITRATE (kbit/s, default 4000, as a camera set for 1080p
+# sends) sets the clip's bit rate; BITRATE= (empty) keeps the sample's grain at constant
+# quality, key frames of about 520 KiB.
 
 set -eu
 
@@ -26,6 +28,9 @@ BUILD_DIR=${1:-"$SCRIPT_DIR/../build"}
 COUNTS=${2:-"1 8 16 32"}
 SECONDS_=${3:-20}
 STAGGER=${STAGGER:-1}
+BITRATE=${BITRATE-4000}
+RATE_TEXT=${BITRATE:+$BITRATE kbit/s}
+RATE_TEXT=${RATE_TEXT:-constant quality}
 
 TWHOST="$BUILD_DIR/bin/twhost"
 if [ ! -x "$TWHOST" ]; then
@@ -43,10 +48,10 @@ trap 'rm -rf "$WORK"' EXIT INT TERM
 CLIP="$WORK/clip1080p.mp4"
 
 echo "twhost:   $TWHOST"
-echo "clip:     1920x1080 H.264, 25 fps, a key frame every second, $SECONDS_ s"
+echo "clip:     1920x1080 H.264, 25 fps, a key frame every second, $SECONDS_ s, $RATE_TEXT"
 echo "stagger:  the cameras start over $STAGGER s"
 echo "machine:  $(nproc) cores, load average $(cut -d' ' -f1-3 /proc/loadavg) at the start"
-"$TWHOST" sample "$CLIP" --size 1920x1080 --gop 25 --duration "$SECONDS_" >"$WORK/sample.log" 2>&1 || {
+"$TWHOST" sample "$CLIP" --size 1920x1080 --gop 25 --duration "$SECONDS_" ${BITRATE:+--bitrate "$BITRATE"} >"$WORK/sample.log" 2>&1 || {
     echo "live_cameras: twhost sample failed:" >&2
     cat "$WORK/sample.log" >&2
     exit 1

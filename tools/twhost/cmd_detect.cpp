@@ -196,6 +196,18 @@ bool ProbeDecode(tw::host::MediaSource& source, std::string& error) {
 
 // The live FIFO's format from its publisher, and its newest key frame decoded with it. 0 on
 // success; 1 with the error printed; or the stop signal that came while waiting.
+// How long the main thread of a run on the real clock sleeps between its looks: until the
+// duration's end when that is near, else a second. The end of the data wakes it at once
+// (StopSignals::Wake) and so does a stop signal; what is left to notice on a look is a
+// standard output that failed, which a second later is as good. Looking every few
+// milliseconds instead cost a live camera as much as a fifth of its key-frame decoding.
+int RealTimeWaitMs(int64_t nowUs, int64_t endUs) {
+    constexpr int kLookMs = 1000;
+    if (endUs < 0) return kLookMs;
+    const int64_t leftMs = (endUs - nowUs + 999) / 1000;
+    return static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(leftMs, kLookMs)));
+}
+
 int ProbeShm(const DetectOptions& opt, StopSignals& signals, int& codec, tw::host::LiveStreamFormat& format) {
     std::string error;
     key_t key = 0;
@@ -471,10 +483,11 @@ int RunDetect(const DetectOptions& opt) {
     std::atomic<bool> dataEnded{false};
     if (pump) {
         tw::host::ManualClock* vc = virtualClock.get();
-        pump->SetEndListener([vc, &printer, &dataEnded](int64_t endUs) {
+        pump->SetEndListener([vc, &printer, &dataEnded, &signals](int64_t endUs) {
             printer.CutAt(endUs, true);
             if (vc != nullptr) vc->SetAdvanceLimitUs(endUs + kPeriodUs);
             dataEnded = true;
+            signals.Wake();
         });
         const bool started = virtualTime ? pump->StartVirtual(error) : pump->StartRealTime({}, error);
         if (!started) {
@@ -564,7 +577,7 @@ int RunDetect(const DetectOptions& opt) {
         }
         progress.Show(static_cast<double>(now - epochUs) / 1e6, announcedSec,
                       std::chrono::duration<double>(std::chrono::steady_clock::now() - realStart).count());
-        if ((sig = signals.Wait(virtualTime ? 1 : 20)) != 0) {
+        if ((sig = signals.Wait(virtualTime ? 1 : RealTimeWaitMs(now, durationUs > 0 ? epochUs + durationUs : -1))) != 0) {
             endReason = StopSignals::Why(sig);
             break;
         }
@@ -844,9 +857,11 @@ int RunDetectMany(const DetectOptions& opt) {
         cam.printer->SetCamera(cam.camId, true);
         DetectPrinter* printer = cam.printer.get();
         std::atomic<bool>* ended = &cam.dataEnded;
-        cam.pump->SetEndListener([printer, ended](int64_t endUs) {
+        StopSignals* wake = &signals;
+        cam.pump->SetEndListener([printer, ended, wake](int64_t endUs) {
             printer->CutAt(endUs, true);
             *ended = true;
+            wake->Wake();
         });
         tw::host::SetEventListener(*cam.events, [printer](const tw::host::EventRecord& r) { printer->Event(r); });
         if (durationUs > 0) printer->CutAt(cam.epochUs + durationUs, false);
@@ -872,7 +887,8 @@ int RunDetectMany(const DetectOptions& opt) {
         if (std::all_of(cams.begin(), cams.end(), [](const std::unique_ptr<CameraRun>& c) { return c->dataEnded.load(); })) {
             break;   // each camera says its own end
         }
-        sig = signals.Wait(20);
+        const int64_t now = clock.NowUs();
+        sig = signals.Wait(RealTimeWaitMs(now, durationUs > 0 ? lastEpochUs + durationUs : -1));
     }
     if (sig != 0) endReason = StopSignals::Why(sig);
     // Every detector is told at once: one after the other, each Stop waits up to a period

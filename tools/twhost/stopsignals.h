@@ -21,7 +21,12 @@ public:
     // The signal that came, 0 for none; does not wait.
     int Take();
     // Waits up to timeoutMs (forever when negative) for a stop signal; the signal, or 0.
+    // A Wake from another thread ends the wait early, with 0.
     int Wait(int timeoutMs);
+    // Ends the current or the next Wait at once; for other threads that have news for the
+    // waiting one (the end of the data), so that it need not look every few milliseconds.
+    // Safe from any thread.
+    void Wake();
     // "interrupted" for SIGINT, "terminated" for SIGTERM.
     static const char* Why(int sig) { return sig == SIGINT ? "interrupted" : "terminated"; }
 
@@ -29,6 +34,7 @@ private:
     sigset_t m_Set;
     sigset_t m_OldMask;
     int m_Fd = -1;
+    int m_WakeFd = -1;   // eventfd of Wake
 };
 
 #endif
