@@ -21,17 +21,13 @@
 set -eu
 
 SCRIPT_DIR=$(cd "$(dirname "$0")" && pwd)
+BENCH_NAME=decode_agreement
+. "$SCRIPT_DIR/common.sh"
 BUILD_DIR=${1:-"$SCRIPT_DIR/../build"}
 BENCH_SECONDS=${2:-60}
 
-TWHOST="$BUILD_DIR/bin/twhost"
-if [ ! -x "$TWHOST" ]; then
-    echo "decode_agreement: no twhost binary at $TWHOST (build the twhost_tool target, or pass the build directory)" >&2
-    exit 2
-fi
 
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/decode_agreement.XXXXXX")
-trap 'rm -rf "$WORK"' EXIT INT TERM
+bench_setup "$BUILD_DIR"
 
 # name codec size gop duration file
 CLIPS="mjpeg_320x180 mjpeg 320x180 6 20 avi -

@@ -20,6 +20,8 @@
 set -eu
 
 SCRIPT_DIR=$(cd "$(dirname "$0")" && pwd)
+BENCH_NAME=detect_vs_ffmpeg
+. "$SCRIPT_DIR/common.sh"
 BUILD_DIR=${1:-"$SCRIPT_DIR/../build"}
 RUNS=${2:-5}
 DURATION=${3:-60}
@@ -28,11 +30,6 @@ BITRATE=${BITRATE-4000}
 RATE_TEXT=${BITRATE:+$BITRATE kbit/s}
 RATE_TEXT=${RATE_TEXT:-constant quality}
 
-TWHOST="$BUILD_DIR/bin/twhost"
-if [ ! -x "$TWHOST" ]; then
-    echo "detect_vs_ffmpeg: no twhost binary at $TWHOST (build the twhost_tool target, or pass the build directory)" >&2
-    exit 2
-fi
 if ! command -v ffmpeg >/dev/null 2>&1; then
     echo "detect_vs_ffmpeg: needs the ffmpeg program; install it with: apt-get install ffmpeg" >&2
     exit 2
@@ -41,33 +38,17 @@ case "$RUNS" in
     '' | *[!0-9]* | 0) echo "detect_vs_ffmpeg: RUNS must be a positive integer, not '$RUNS'" >&2; exit 2 ;;
 esac
 
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/detect_vs_ffmpeg.XXXXXX")
-trap 'rm -rf "$WORK"' EXIT INT TERM
+bench_setup "$BUILD_DIR"
 CLIP="$WORK/clip1080p.mp4"
-"$TWHOST" sample "$CLIP" --size 1920x1080 --duration "$DURATION" --gop "$GOP" ${BITRATE:+--bitrate "$BITRATE"} >"$WORK/sample.log" 2>&1 || {
-    echo "detect_vs_ffmpeg: twhost sample failed:" >&2
-    cat "$WORK/sample.log" >&2
-    exit 1
-}
+bench_sample "$CLIP" --size 1920x1080 --duration "$DURATION" --gop "$GOP" ${BITRATE:+--bitrate "$BITRATE"}
 echo "clip: 1920x1080 H.264, $DURATION s, key frame every $GOP frames at 25 fps, $RATE_TEXT ($(wc -c <"$CLIP") bytes)"
-
-# Seconds of CPU used by this shell's finished children so far (second line of "times").
-children_cpu() {
-    awk 'NR == 2 {
-        total = 0;
-        for (i = 1; i <= 2; ++i) { split($i, t, /[ms]/); total += t[1] * 60 + t[2] }
-        printf "%.3f\n", total;
-    }' "$WORK/times.txt"
-}
 
 # CPU seconds of one run of the command given as arguments.
 cpu_of() {
-    times >"$WORK/times.txt"
-    before=$(children_cpu)
+    bench_mark_cpu
     "$@" >"$WORK/out.txt" 2>&1 || { echo "detect_vs_ffmpeg: failed: $*" >&2; cat "$WORK/out.txt" >&2; exit 1; }
-    times >"$WORK/times.txt"
-    after=$(children_cpu)
-    awk -v a="$after" -v b="$before" 'BEGIN { printf "%.3f\n", a - b }'
+    bench_take_cpu
+    echo "$BENCH_CPU"
 }
 
 : >"$WORK/ffmpeg.txt"
@@ -81,10 +62,9 @@ while [ "$run" -le "$RUNS" ]; do
     run=$((run + 1))
 done
 
-median() { sort -n "$1" | awk '{ v[NR] = $1 } END { if (NR % 2) print v[(NR + 1) / 2]; else printf "%.3f\n", (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
-F=$(median "$WORK/ffmpeg.txt")
-D=$(median "$WORK/detect.txt")
-E=$(median "$WORK/exact.txt")
+F=$(bench_median <"$WORK/ffmpeg.txt")
+D=$(bench_median <"$WORK/detect.txt")
+E=$(bench_median <"$WORK/exact.txt")
 echo "median CPU seconds over $RUNS runs each (taken in turns):"
 echo "  ffmpeg -threads 1 -skip_frame nokey   $F"
 echo "  twhost detect                          $D   ($(awk -v d="$D" -v f="$F" 'BEGIN { printf "%.2fx", d / f }') ffmpeg)"

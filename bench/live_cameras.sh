@@ -24,6 +24,8 @@
 set -eu
 
 SCRIPT_DIR=$(cd "$(dirname "$0")" && pwd)
+BENCH_NAME=live_cameras
+. "$SCRIPT_DIR/common.sh"
 BUILD_DIR=${1:-"$SCRIPT_DIR/../build"}
 COUNTS=${2:-"1 8 16 32"}
 SECONDS_=${3:-20}
@@ -32,55 +34,33 @@ BITRATE=${BITRATE-4000}
 RATE_TEXT=${BITRATE:+$BITRATE kbit/s}
 RATE_TEXT=${RATE_TEXT:-constant quality}
 
-TWHOST="$BUILD_DIR/bin/twhost"
-if [ ! -x "$TWHOST" ]; then
-    echo "live_cameras: no twhost binary at $TWHOST (build the twhost_tool target, or pass the build directory)" >&2
-    exit 2
-fi
 for n in $COUNTS; do
     case "$n" in
         '' | *[!0-9]* | 0) echo "live_cameras: COUNTS must hold positive integers, not '$n'" >&2; exit 2 ;;
     esac
 done
 
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/live_cameras.XXXXXX")
-trap 'rm -rf "$WORK"' EXIT INT TERM
+bench_setup "$BUILD_DIR"
 CLIP="$WORK/clip1080p.mp4"
 
 echo "twhost:   $TWHOST"
 echo "clip:     1920x1080 H.264, 25 fps, a key frame every second, $SECONDS_ s, $RATE_TEXT"
 echo "stagger:  the cameras start over $STAGGER s"
 echo "machine:  $(nproc) cores, load average $(cut -d' ' -f1-3 /proc/loadavg) at the start"
-"$TWHOST" sample "$CLIP" --size 1920x1080 --gop 25 --duration "$SECONDS_" ${BITRATE:+--bitrate "$BITRATE"} >"$WORK/sample.log" 2>&1 || {
-    echo "live_cameras: twhost sample failed:" >&2
-    cat "$WORK/sample.log" >&2
-    exit 1
-}
+bench_sample "$CLIP" --size 1920x1080 --gop 25 --duration "$SECONDS_" ${BITRATE:+--bitrate "$BITRATE"}
 
-# CPU seconds of this shell's finished children as "times" last wrote them into
-# $WORK/times.txt (second line). "times" itself must run in this shell, never in a command
-# substitution: that is a fresh subshell, which has no finished children.
-children_cpu() {
-    awk 'NR == 2 {
-        total = 0;
-        for (i = 1; i <= 2; ++i) { split($i, t, /[ms]/); total += t[1] * 60 + t[2] }
-        printf "%.3f\n", total;
-    }' "$WORK/times.txt"
-}
 
 # Runs twhost detect with the given arguments, its JSON lines into $WORK/out.json; sets
 # RUN_CPU to the CPU seconds it used.
 run_detect() {
-    times >"$WORK/times.txt"
-    before=$(children_cpu)
+    bench_mark_cpu
     if ! "$TWHOST" detect "$@" --json >"$WORK/out.json" 2>"$WORK/err.txt"; then
         echo "live_cameras: twhost detect failed:" >&2
         cat "$WORK/err.txt" >&2
         exit 1
     fi
-    times >"$WORK/times.txt"
-    after=$(children_cpu)
-    RUN_CPU=$(echo "$before $after" | awk '{ printf "%.3f\n", $2 - $1 }')
+    bench_take_cpu
+    RUN_CPU=$BENCH_CPU
 }
 
 # One live camera against the same clip offline.

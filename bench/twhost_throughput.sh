@@ -15,62 +15,42 @@
 set -eu
 
 SCRIPT_DIR=$(cd "$(dirname "$0")" && pwd)
+BENCH_NAME=twhost_throughput
+. "$SCRIPT_DIR/common.sh"
 BUILD_DIR=${1:-"$SCRIPT_DIR/../build"}
 RUNS=${2:-5}
 DURATION=${3:-30}
 
-TWHOST="$BUILD_DIR/bin/twhost"
-if [ ! -x "$TWHOST" ]; then
-    echo "twhost_throughput: no twhost binary at $TWHOST (build the twhost_tool target, or pass the build directory)" >&2
-    exit 2
-fi
 case "$RUNS" in
     '' | *[!0-9]* | 0) echo "twhost_throughput: RUNS must be a positive integer, not '$RUNS'" >&2; exit 2 ;;
 esac
 
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/twhost_throughput.XXXXXX")
-trap 'rm -rf "$WORK"' EXIT INT TERM
+bench_setup "$BUILD_DIR"
 CLIP="$WORK/clip1080p.mp4"
 
 echo "twhost:   $TWHOST"
 echo "clip:     1920x1080 H.264, $DURATION s ($CLIP)"
-"$TWHOST" sample "$CLIP" --size 1920x1080 --duration "$DURATION" >"$WORK/sample.log" 2>&1 || {
-    echo "twhost_throughput: twhost sample failed:" >&2
-    cat "$WORK/sample.log" >&2
-    exit 1
-}
+bench_sample "$CLIP" --size 1920x1080 --duration "$DURATION"
 
-# Seconds of CPU used by this shell's finished children so far (second line of "times").
-# "times" runs in this shell with its output in a file: in a command substitution it would
-# run in a fresh subshell, which has no finished children.
-children_cpu() {
-    awk 'NR == 2 {
-        total = 0;
-        for (i = 1; i <= 2; ++i) { split($i, t, /[ms]/); total += t[1] * 60 + t[2] }
-        printf "%.3f\n", total;
-    }' "$WORK/times.txt"
-}
 
 # One line per run: video seconds, wall seconds, video seconds per wall second, CPU seconds.
 : >"$WORK/runs.txt"
 run=1
 while [ "$run" -le "$RUNS" ]; do
-    times >"$WORK/times.txt"
-    cpuBefore=$(children_cpu)
+    bench_mark_cpu
     if ! "$TWHOST" detect "$CLIP" --json >"$WORK/detect.json" 2>"$WORK/detect.err"; then
         echo "twhost_throughput: twhost detect failed on run $run:" >&2
         cat "$WORK/detect.err" >&2
         exit 1
     fi
-    times >"$WORK/times.txt"
-    cpuAfter=$(children_cpu)
+    bench_take_cpu
     # The summary is the last line holding the three figures.
     summary=$(grep '"wallSeconds"' "$WORK/detect.json" | tail -n 1)
     if [ -z "$summary" ]; then
         echo "twhost_throughput: no summary with wallSeconds in the output of run $run" >&2
         exit 1
     fi
-    echo "$summary" | awk -v run="$run" -v cpu="$(echo "$cpuBefore $cpuAfter" | awk '{print $2 - $1}')" '
+    echo "$summary" | awk -v run="$run" -v cpu="$BENCH_CPU" '
         function field(name,   s) {
             if (!match($0, "\"" name "\":[0-9.eE+-]+")) return "";
             s = substr($0, RSTART, RLENGTH);
@@ -89,11 +69,8 @@ while [ "$run" -le "$RUNS" ]; do
     run=$((run + 1))
 done
 
-median() {
-    sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
-}
-speedMedian=$(awk '{ print $3 }' "$WORK/runs.txt" | median)
-cpuMedian=$(awk '{ print $4 }' "$WORK/runs.txt" | median)
+speedMedian=$(awk '{ print $3 }' "$WORK/runs.txt" | bench_median)
+cpuMedian=$(awk '{ print $4 }' "$WORK/runs.txt" | bench_median)
 awk -v m="$speedMedian" -v c="$cpuMedian" '
     NR == 1 { min = max = $3 }
     { video = $1; if ($3 < min) min = $3; if ($3 > max) max = $3 }
