@@ -196,6 +196,20 @@ bool ProbeDecode(tw::host::MediaSource& source, std::string& error) {
 
 // The live FIFO's format from its publisher, and its newest key frame decoded with it. 0 on
 // success; 1 with the error printed; or the stop signal that came while waiting.
+// The settings of a summary that every run has, one camera's or one of many.
+Json::Value DetectSettings(const DetectOptions& opt, int camId, const std::string& region) {
+    Json::Value settings(Json::objectValue);
+    settings["cameraId"] = camId;
+    settings["sensitivity"] = opt.sensitivity;
+    settings["threshold"] = opt.threshold;
+    settings["shortLive"] = opt.shortLive;
+    settings["region"] = opt.region;
+    settings["watchedCells"] = static_cast<int>(std::count(region.begin(), region.end(), '1'));
+    if (opt.duration > 0) settings["duration"] = opt.duration;
+    settings["logLevel"] = opt.logLevel;
+    return settings;
+}
+
 // How long the main thread of a run on the real clock sleeps between its looks: until the
 // duration's end when that is near, else a second. The end of the data wakes it at once
 // (StopSignals::Wake) and so does a stop signal; what is left to notice on a look is a
@@ -624,15 +638,7 @@ int RunDetect(const DetectOptions& opt) {
     summary.input["width"] = opt.shm ? shmFormat.width : source.GetWidth();
     summary.input["height"] = opt.shm ? shmFormat.height : source.GetHeight();
     summary.input["time"] = virtualTime ? "virtual" : "real";
-    summary.settings = Json::Value(Json::objectValue);
-    summary.settings["cameraId"] = opt.camId;
-    summary.settings["sensitivity"] = opt.sensitivity;
-    summary.settings["threshold"] = opt.threshold;
-    summary.settings["shortLive"] = opt.shortLive;
-    summary.settings["region"] = opt.region;
-    summary.settings["watchedCells"] = static_cast<int>(std::count(region.begin(), region.end(), '1'));
-    if (durationUs > 0) summary.settings["duration"] = opt.duration;
-    summary.settings["logLevel"] = opt.logLevel;
+    summary.settings = DetectSettings(opt, opt.camId, region);
     summary.endReason = endReason;
     summary.wallSeconds = wallSec;
     summary.frames = pump ? pump->GetPacketCount() : 0;
@@ -938,17 +944,9 @@ int RunDetectMany(const DetectOptions& opt) {
         summary.input["width"] = cam->source.GetWidth();
         summary.input["height"] = cam->source.GetHeight();
         summary.input["time"] = "real";
-        summary.settings = Json::Value(Json::objectValue);
-        summary.settings["cameraId"] = cam->camId;
+        summary.settings = DetectSettings(opt, cam->camId, region);
         summary.settings["cameras"] = static_cast<int>(n);
         if (opt.stagger > 0) summary.settings["stagger"] = opt.stagger;
-        summary.settings["sensitivity"] = opt.sensitivity;
-        summary.settings["threshold"] = opt.threshold;
-        summary.settings["shortLive"] = opt.shortLive;
-        summary.settings["region"] = opt.region;
-        summary.settings["watchedCells"] = static_cast<int>(std::count(region.begin(), region.end(), '1'));
-        if (durationUs > 0) summary.settings["duration"] = opt.duration;
-        summary.settings["logLevel"] = opt.logLevel;
         summary.endReason = reason;
         summary.wallSeconds = wallSec;
         summary.frames = pump.GetPacketCount();
