@@ -8,6 +8,7 @@
 #include "tw/camera.h"
 #include "twhost/decodeerror.h"
 #include "twhost/decodetuning.h"
+#include "boxreduce.h"
 
 #include <csetjmp>
 #include <cstdarg>
@@ -18,14 +19,12 @@
 #include <malloc.h>
 
 #include <atomic>
+#include <mutex>
 #include <new>
 #include <vector>
 
 #include <jerror.h>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -394,6 +393,8 @@ AVPixelFormat PlainPixelFormat(AVPixelFormat format, bool& blFullRange)
 }
 
 std::atomic<bool> g_blExactDetectionDecode{false};
+std::atomic<bool> g_blDecodeBandSums{true};
+std::atomic<uint64_t> g_BandSumsUsed{0};
 
 // Only H.264 and HEVC have an in-loop deblocking filter that libavcodec lets us skip.
 bool HasLoopFilter(int codec)
@@ -413,14 +414,14 @@ AVDiscard DetectionLoopFilter(int codec)
 //
 // The detector wants a picture of about 120 pixels across from one of up to 4K. Converting
 // every source pixel to RGB and then averaging it away costs more than the rest of a turn.
-// The planes are first box-reduced, each by the same integer factors, to about twice the
-// target (plain integer means, which the compiler vectorises), and libswscale converts and
-// scales that small picture. An integer mean of whole f x f blocks is exactly what area
-// averaging does on those blocks, so the result differs from the full path by rounding.
+// The planes are first summed in whole blocks, each by the same integer factors, to about
+// twice the target (boxreduce.cpp); the area average of those sums at the target size is
+// then converted to RGB with libswscale's coefficients. An area average of whole blocks is
+// exactly what area averaging does on those blocks, so the result differs from libswscale's
+// full-picture path by rounding. Pictures too small to reduce, the formats the sums do not
+// cover, and callers that ask for another libswscale filter keep the full path.
 
-// Marks a cached scaler as built for the reduced planes; libswscale's own flags stay below.
-constexpr int kReducedScalerFlag = 1 << 30;
-// Sums of up to 16 x 16 bytes still fit the 16-bit accumulators.
+// Sums of up to 16 x 16 bytes still fit 16 bits.
 constexpr int kMaxReduceFactor = 16;
 
 struct PlaneLayout {
@@ -479,6 +480,22 @@ int WholeBlockFactor(int edge, int limit, int chromaShift)
     return 1;
 }
 
+// The block factor of one edge. Where whole blocks make exactly the target (1920 to 120:
+// blocks of 16), no target pixel cuts a block and the area step has nothing left to weigh
+// on that edge. Otherwise the blocks make about twice the target, so where a target pixel's
+// boundary cuts a block, the block's mean stands in for a part of at most half a target
+// pixel and the error stays a fraction of one.
+int EdgeFactor(int edge, int target, int chromaShift)
+{
+    if (edge % target == 0) {
+        const int exact = edge / target;
+        if (exact >= 2 && exact <= kMaxReduceFactor && edge % (exact << chromaShift) == 0) {
+            return exact;
+        }
+    }
+    return WholeBlockFactor(edge, edge / (2 * target), chromaShift);
+}
+
 void ReduceFactors(int srcWidth, int srcHeight, int format, int dstWidth, int dstHeight,
                    int& fx, int& fy, PlaneLayout& layout)
 {
@@ -487,156 +504,15 @@ void ReduceFactors(int srcWidth, int srcHeight, int format, int dstWidth, int ds
     if (dstWidth < 1 || dstHeight < 1 || !ReducibleLayout(format, layout)) {
         return;
     }
-    // Twice the target keeps libswscale's last step an area average over at least 2 x 2
-    // reduced pixels, so where its boundaries cut a block the error stays a fraction of one.
-    fx = WholeBlockFactor(srcWidth, srcWidth / (2 * dstWidth), layout.chromaShiftX);
-    fy = WholeBlockFactor(srcHeight, srcHeight / (2 * dstHeight), layout.chromaShiftY);
+    fx = EdgeFactor(srcWidth, dstWidth, layout.chromaShiftX);
+    fy = EdgeFactor(srcHeight, dstHeight, layout.chromaShiftY);
 }
 
-// Column sums of rows rows of width bytes, stride apart. Strips of 16 columns are summed
-// over all the rows in two vector registers and stored once (SSE2, which every x86-64 CPU
-// has); anything else, and the last columns, take the plain loop.
-void ColumnSums(const uint8_t* pTop, int stride, int rows, int width, uint16_t* acc)
-{
-    int x = 0;
-#if defined(__SSE2__)
-    const __m128i zero = _mm_setzero_si128();
-    for (; x + 16 <= width; x += 16) {
-        __m128i lo = zero;
-        __m128i hi = zero;
-        const uint8_t* pRow = pTop + x;
-        for (int r = 0; r < rows; ++r, pRow += stride) {
-            const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pRow));
-            lo = _mm_add_epi16(lo, _mm_unpacklo_epi8(bytes, zero));
-            hi = _mm_add_epi16(hi, _mm_unpackhi_epi8(bytes, zero));
-        }
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(acc + x), lo);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(acc + x + 8), hi);
-    }
-#endif
-    for (; x < width; ++x) {
-        const uint8_t* pRow = pTop + x;
-        unsigned sum = 0;
-        for (int r = 0; r < rows; ++r, pRow += stride) {
-            sum += *pRow;
-        }
-        acc[x] = static_cast<uint16_t>(sum);
-    }
-}
-
-// Sums of FX neighbouring column sums, divided by the block's area rounded to nearest. The
-// division is a multiplication by ceil(2^32 / area), exact here: sums stay below 2^17 and
-// the area at most 256, so the error term stays below 2^25 / 2^32 of one.
-template <int FX>
-void BlockMeans(const uint16_t* acc, uint8_t* pOut, int outWidth, unsigned area)
-{
-    const uint64_t multiplier = ((uint64_t(1) << 32) + area - 1) / area;
-    const unsigned half = area / 2;
-    for (int ox = 0; ox < outWidth; ++ox, acc += FX) {
-        unsigned sum = 0;
-        for (int k = 0; k < FX; ++k) {
-            sum += acc[k];
-        }
-        pOut[ox] = static_cast<uint8_t>((uint64_t(sum + half) * multiplier) >> 32);
-    }
-}
-
-using BlockMeansFn = void (*)(const uint16_t*, uint8_t*, int, unsigned);
-
-BlockMeansFn BlockMeansFor(int fx)
-{
-    static constexpr BlockMeansFn kTable[kMaxReduceFactor + 1] = {
-        nullptr,        BlockMeans<1>,  BlockMeans<2>,  BlockMeans<3>,  BlockMeans<4>,
-        BlockMeans<5>,  BlockMeans<6>,  BlockMeans<7>,  BlockMeans<8>,  BlockMeans<9>,
-        BlockMeans<10>, BlockMeans<11>, BlockMeans<12>, BlockMeans<13>, BlockMeans<14>,
-        BlockMeans<15>, BlockMeans<16>};
-    return kTable[fx];
-}
-
-// Means of whole fx x fy blocks of one plane, rounded to nearest. outWidth * fx columns
-// and outHeight * fy rows of the source are read; acc holds outWidth * fx sums.
-#if defined(__SSE2__)
-// Blocks 8 or 16 pixels wide, the factors of 1080p and 4K pictures: the sum of absolute
-// differences against zero adds 8 neighbouring bytes in one instruction, so each 16 source
-// bytes cost a load, a SAD and an add. The rows of a band are read one after another from
-// start to end, the order in which the decoder left them and the hardware prefetcher
-// streams them best; the running sums of a band (two per 16 columns) stay in sums. Same
-// sums, same rounding as the general path, so the result is the same to the bit.
-void BoxReduceRowsSad(const uint8_t* pSrc, int srcStride, int fx, int fy, int outWidth,
-                      int outHeight, uint8_t* pDst, int dstStride, __m128i* sums)
-{
-    const unsigned area = unsigned(fx) * unsigned(fy);
-    const uint64_t multiplier = ((uint64_t(1) << 32) + area - 1) / area;
-    const unsigned half = area / 2;
-    const __m128i zero = _mm_setzero_si128();
-    const int inWidth = outWidth * fx;
-    const int vectors = inWidth / 16;
-    for (int oy = 0; oy < outHeight; ++oy) {
-        const uint8_t* pTop = pSrc + ptrdiff_t(oy) * fy * srcStride;
-        uint8_t* pOut = pDst + ptrdiff_t(oy) * dstStride;
-        for (int v = 0; v < vectors; ++v) {
-            sums[v] = zero;
-        }
-        const uint8_t* pRow = pTop;
-        for (int r = 0; r < fy; ++r, pRow += srcStride) {
-            for (int v = 0; v < vectors; ++v) {
-                const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pRow + 16 * v));
-                sums[v] = _mm_add_epi64(sums[v], _mm_sad_epu8(bytes, zero));
-            }
-        }
-        for (int v = 0; v < vectors; ++v) {
-            const unsigned lo = static_cast<unsigned>(_mm_cvtsi128_si32(sums[v]));
-            const unsigned hi = static_cast<unsigned>(_mm_cvtsi128_si32(_mm_srli_si128(sums[v], 8)));
-            if (fx == 8) {
-                pOut[2 * v] = static_cast<uint8_t>((uint64_t(lo + half) * multiplier) >> 32);
-                pOut[2 * v + 1] = static_cast<uint8_t>((uint64_t(hi + half) * multiplier) >> 32);
-            } else {
-                pOut[v] = static_cast<uint8_t>((uint64_t(lo + hi + half) * multiplier) >> 32);
-            }
-        }
-        // inWidth is a multiple of fx; a last block of 8 when 16 does not divide it.
-        for (int x = vectors * 16; x < inWidth; x += fx) {
-            unsigned sum = 0;
-            const uint8_t* pCell = pTop + x;
-            for (int r = 0; r < fy; ++r, pCell += srcStride) {
-                for (int k = 0; k < fx; ++k) {
-                    sum += pCell[k];
-                }
-            }
-            pOut[x / fx] = static_cast<uint8_t>((uint64_t(sum + half) * multiplier) >> 32);
-        }
-    }
-}
-#endif
-
-void BoxReducePlane(const uint8_t* pSrc, int srcStride, int fx, int fy, int outWidth,
-                    int outHeight, uint8_t* pDst, int dstStride, uint16_t* acc,
-                    bool blGeneral = false)
-{
-#if defined(__SSE2__)
-    if (!blGeneral && (fx == 8 || fx == 16)) {
-        // acc has room for a uint16_t per source column: 16 bytes per 8 columns is less.
-        BoxReduceRowsSad(pSrc, srcStride, fx, fy, outWidth, outHeight, pDst, dstStride,
-                         reinterpret_cast<__m128i*>(acc));
-        return;
-    }
-#endif
-    const int inWidth = outWidth * fx;
-    const unsigned area = unsigned(fx) * unsigned(fy);
-    const BlockMeansFn means = BlockMeansFor(fx);
-    for (int oy = 0; oy < outHeight; ++oy) {
-        ColumnSums(pSrc + ptrdiff_t(oy) * fy * srcStride, srcStride, fy, inWidth, acc);
-        means(acc, pDst + ptrdiff_t(oy) * dstStride, outWidth, area);
-    }
-}
-
-// The reduced planes of the calling thread's last picture. A detector's thread scales one
-// picture at a time, so one set per thread is reused from turn to turn.
+// The reduced planes of the calling thread's last picture, as block sums. A detector's
+// thread scales one picture at a time, so one set per thread is reused from turn to turn.
 struct ReducedPicture {
-    std::vector<uint8_t> pixels;
-    std::vector<uint16_t> acc;
-    uint8_t* data[4] = {nullptr, nullptr, nullptr, nullptr};
-    int linesize[4] = {0, 0, 0, 0};
+    std::vector<uint16_t> sums;
+    PlaneSums planes[3];
 };
 thread_local ReducedPicture t_Reduced;
 
@@ -656,29 +532,357 @@ bool ReducePicture(const AVFrame* pFrame, const PlaneLayout& layout, int fx, int
     size_t offsets[3] = {0, 0, 0};
     for (int p = 0; p < layout.planes; ++p) {
         offsets[p] = total;
-        // Rows padded to 64 bytes, as libswscale's vector code likes its input aligned and
-        // may read a little past a row's end.
-        total += size_t((widths[p] + 63) & ~63) * size_t(heights[p]);
+        total += size_t(widths[p]) * size_t(heights[p]);
     }
     try {
-        r.pixels.resize(total + 64);
-        r.acc.resize(size_t(pFrame->width) + 64);
+        r.sums.resize(total);
     } catch (const std::bad_alloc&) {
         return false;
     }
-    for (int p = 0; p < 4; ++p) {
-        r.data[p] = nullptr;
-        r.linesize[p] = 0;
-    }
-    uint8_t* pBase = r.pixels.data();
-    pBase += (64 - reinterpret_cast<uintptr_t>(pBase) % 64) % 64;
     for (int p = 0; p < layout.planes; ++p) {
-        r.data[p] = pBase + offsets[p];
-        r.linesize[p] = (widths[p] + 63) & ~63;
-        BoxReducePlane(pFrame->data[p], pFrame->linesize[p], fx, fy, widths[p], heights[p],
-                       r.data[p], r.linesize[p], r.acc.data());
+        PlaneSums& plane = r.planes[p];
+        plane.data = r.sums.data() + offsets[p];
+        plane.stride = widths[p];
+        plane.width = widths[p];
+        plane.height = heights[p];
+        if (!BoxSumPlaneOf(pFrame->data[p], pFrame->linesize[p], fx, fy, widths[p], heights[p],
+                           r.sums.data() + offsets[p], widths[p], BoxKernel::Best)) {
+            return false;
+        }
     }
     return true;
+}
+
+// The stream's colour matrix (as libswscale numbers it) and range.
+void ColourOf(const AVFrame* pFrame, AVPixelFormat& plainFormat, int& colorspace,
+              bool& blFullRange)
+{
+    plainFormat = PlainPixelFormat(static_cast<AVPixelFormat>(pFrame->format), blFullRange);
+    if (RawEnumValue(pFrame->color_range) == AVCOL_RANGE_JPEG) {
+        blFullRange = true;
+    }
+    // The decoders copy the stream's 8-bit matrix code as it stands, so a damaged or
+    // hostile stream can carry a value that no enumerator names (MPEG-4 with 228 was
+    // seen); anything unknown gets the default matrix.
+    const int matrix = RawEnumValue(pFrame->colorspace);
+    colorspace =
+        (matrix <= AVCOL_SPC_RGB || matrix == AVCOL_SPC_UNSPECIFIED || matrix >= AVCOL_SPC_NB)
+            ? SWS_CS_DEFAULT
+            : matrix;
+}
+
+// ---------------------------------------------------------------------------------------
+// Block sums gathered while the decoder works
+//
+// After a 1080p key frame the decoder has written 3 MB that no longer fit the core's own
+// caches, and reading them back costs more than everything else a turn adds to the decode.
+// The H.264 decoder can hand each band of rows over as soon as it is final
+// (draw_horiz_band): with the loop filter skipped, that is right after the band is decoded,
+// while its bytes are still in the cache. The band's rows are added into the block sums
+// there and then, and the scale finds the picture's sums ready. They are exactly the sums
+// the scale would have taken itself, so nothing changes but where the bytes are read.
+//
+// The sums are used only when everything matches: the picture the scale is asked for is
+// the one the bands came from (same planes, size and format), every row came exactly once,
+// the decoder reports no error concealment (which repaints a picture after its bands were
+// handed over), and the blocks are the ones the scale would use. Anything else takes the
+// ordinary path. The target size is not known to the decoder, so the sums are gathered for
+// the size the last scale asked for: from a detector's second turn on.
+
+struct BandSums {
+    std::mutex lock;   // slice threads hand bands over concurrently
+    // Set around one decode call by DoFFMpegDecode, under lock.
+    bool armed = false;
+    int targetWidth = 0;   // the size the last reduced scale asked for
+    int targetHeight = 0;
+    // The picture of this decode call, from its first band on.
+    bool started = false;
+    bool broken = false;
+    const uint8_t* data[3] = {nullptr, nullptr, nullptr};
+    int linesize[3] = {0, 0, 0};
+    int width = 0;
+    int height = 0;
+    int format = -1;
+    int fx = 1;
+    int fy = 1;
+    PlaneLayout layout;
+    int rowsSeen = 0;
+    std::vector<uint8_t> rowSeen;
+    std::vector<uint16_t> sums;
+    PlaneSums planes[3];
+};
+
+BandSums* BandSumsOf(const AVCodecContext* pCtx)
+{
+    return pCtx != nullptr && pCtx->draw_horiz_band != nullptr
+               ? static_cast<BandSums*>(pCtx->opaque)
+               : nullptr;
+}
+
+// Sets up the sums for the picture of the first band: the decoder's picture as it will be
+// handed out (width x height; the decoder's own frame may be taller by the rows that the
+// stream crops away at the bottom, which no band covers). Under lock. False when the
+// picture is not one the scale would reduce.
+bool StartBandSums(BandSums& b, const AVFrame* pSrc, int width, int height)
+{
+    if (width < 1 || height < 1 || width > pSrc->width || height > pSrc->height) {
+        return false;
+    }
+    ReduceFactors(width, height, pSrc->format, b.targetWidth, b.targetHeight, b.fx, b.fy,
+                  b.layout);
+    if (b.fx == 1 && b.fy == 1) {
+        return false;
+    }
+    int widths[3] = {width / b.fx, 0, 0};
+    int heights[3] = {height / b.fy, 0, 0};
+    for (int p = 1; p < b.layout.planes; ++p) {
+        widths[p] = AV_CEIL_RSHIFT(widths[0], b.layout.chromaShiftX);
+        heights[p] = AV_CEIL_RSHIFT(heights[0], b.layout.chromaShiftY);
+    }
+    size_t total = 0;
+    size_t offsets[3] = {0, 0, 0};
+    for (int p = 0; p < b.layout.planes; ++p) {
+        offsets[p] = total;
+        total += size_t(widths[p]) * size_t(heights[p]);
+    }
+    try {
+        b.sums.resize(total);
+        b.rowSeen.resize(size_t(height));
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    memset(b.sums.data(), 0, total * sizeof(uint16_t));
+    memset(b.rowSeen.data(), 0, b.rowSeen.size());
+    for (int p = 0; p < 3; ++p) {
+        b.data[p] = p < b.layout.planes ? pSrc->data[p] : nullptr;
+        b.linesize[p] = p < b.layout.planes ? pSrc->linesize[p] : 0;
+        b.planes[p] = PlaneSums{};
+    }
+    for (int p = 0; p < b.layout.planes; ++p) {
+        b.planes[p].data = b.sums.data() + offsets[p];
+        b.planes[p].stride = widths[p];
+        b.planes[p].width = widths[p];
+        b.planes[p].height = heights[p];
+    }
+    b.width = width;
+    b.height = height;
+    b.format = pSrc->format;
+    b.rowsSeen = 0;
+    return true;
+}
+
+// Adds the rows y to y + height - 1 of pSrc. Under lock. False when the band does not fit
+// the picture the sums were started for.
+bool AddBand(BandSums& b, const AVFrame* pSrc, int y, int height)
+{
+    if (pSrc->data[0] != b.data[0] || pSrc->format != b.format || y < 0 || height < 1 ||
+        y + height > b.height) {
+        return false;
+    }
+    for (int r = y; r < y + height; ++r) {
+        if (b.rowSeen[size_t(r)]++ != 0) {
+            return false;   // a row handed over twice: not a picture we can trust
+        }
+    }
+    b.rowsSeen += height;
+    const int end = y + height;
+    for (int p = 0; p < b.layout.planes; ++p) {
+        const int shift = p == 0 ? 0 : b.layout.chromaShiftY;
+        const int unit = 1 << shift;
+        // A band must cover whole chroma rows, or end the picture.
+        if (y % unit != 0 || (end % unit != 0 && end != b.height)) {
+            return false;
+        }
+        const int first = y >> shift;
+        const int last = AV_CEIL_RSHIFT(end, shift);
+        const PlaneSums& plane = b.planes[p];
+        if (!AddBoxRows(pSrc->data[p], pSrc->linesize[p], first, last - first, b.fx, b.fy,
+                        plane.width, plane.height, const_cast<uint16_t*>(plane.data),
+                        plane.stride)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void BandCallback(AVCodecContext* pCtx, const AVFrame* pSrc, int* /*offset*/, int y,
+                  int /*type*/, int height)
+{
+    BandSums* pBands = static_cast<BandSums*>(pCtx->opaque);
+    if (pBands == nullptr || pSrc == nullptr) {
+        return;
+    }
+    std::lock_guard<std::mutex> guard(pBands->lock);
+    if (!pBands->armed || pBands->broken) {
+        return;
+    }
+    if (!pBands->started) {
+        pBands->started = true;
+        if (!StartBandSums(*pBands, pSrc, pCtx->width, pCtx->height)) {
+            pBands->broken = true;
+            return;
+        }
+    }
+    if (!AddBand(*pBands, pSrc, y, height)) {
+        pBands->broken = true;
+    }
+}
+
+// Arms the sums for one decode call (armed) or ends it.
+void ArmBandSums(AVCodecContext* pCtx, bool armed)
+{
+    BandSums* pBands = BandSumsOf(pCtx);
+    if (pBands == nullptr) {
+        return;
+    }
+    std::lock_guard<std::mutex> guard(pBands->lock);
+    // Bands of a decode with the loop filter are handed over before the filter has run
+    // when slices are filtered after the fact, so only skipped-filter decodes gather sums.
+    pBands->armed = armed && pBands->targetWidth > 0 &&
+                    pCtx->skip_loop_filter >= AVDISCARD_ALL;
+    if (armed) {
+        pBands->started = false;
+        pBands->broken = false;
+    }
+}
+
+// The sums gathered for pFrame at factors fx x fy, or null. Records the target for the
+// next decode. Called on the decoding thread, after the decode call.
+const PlaneSums* BandSumsFor(AVCodecContext* pCtx, const AVFrame* pFrame, int fx, int fy,
+                             int targetWidth, int targetHeight)
+{
+    BandSums* pBands = BandSumsOf(pCtx);
+    if (pBands == nullptr) {
+        return nullptr;
+    }
+    std::lock_guard<std::mutex> guard(pBands->lock);
+    const bool sameTarget =
+        pBands->targetWidth == targetWidth && pBands->targetHeight == targetHeight;
+    pBands->targetWidth = targetWidth;
+    pBands->targetHeight = targetHeight;
+    if (!sameTarget || !pBands->started || pBands->broken || pBands->fx != fx ||
+        pBands->fy != fy || pFrame->width != pBands->width || pFrame->height != pBands->height ||
+        pFrame->format != pBands->format || pBands->rowsSeen != pBands->height ||
+        pFrame->decode_error_flags != 0 || (pFrame->flags & AV_FRAME_FLAG_CORRUPT) != 0) {
+        return nullptr;
+    }
+    for (int p = 0; p < pBands->layout.planes; ++p) {
+        if (pFrame->data[p] != pBands->data[p] || pFrame->linesize[p] != pBands->linesize[p]) {
+            return nullptr;
+        }
+    }
+    g_BandSumsUsed.fetch_add(1, std::memory_order_relaxed);
+    return pBands->planes;
+}
+
+// Gives an H.264 decoder its band sums; the decoder context owns them from then on and
+// FreeDecoder releases them. Without them (other codecs, out of memory, or turned off)
+// every scale reads its picture itself.
+void AttachBandSums(AVCodecContext* pCtx, int codec, int targetWidth, int targetHeight)
+{
+    if (pCtx == nullptr || codec != VIDEO_CODEC_H264 ||
+        !g_blDecodeBandSums.load(std::memory_order_relaxed)) {
+        return;
+    }
+    auto* pBands = new (std::nothrow) BandSums;
+    if (pBands == nullptr) {
+        return;
+    }
+    pBands->targetWidth = targetWidth;
+    pBands->targetHeight = targetHeight;
+    pCtx->opaque = pBands;
+    pCtx->draw_horiz_band = BandCallback;
+}
+
+void FreeDecoder(AVCodecContext*& pCtx)
+{
+    BandSums* pBands = BandSumsOf(pCtx);
+    avcodec_free_context(&pCtx);
+    delete pBands;
+}
+
+// The full path: libswscale converts and scales the whole picture.
+int ScaleWithSwscale(FFmpegAttr& attr, unsigned char* out, int width, int height, int flags)
+{
+    const AVFrame* pFrame = attr.pFrame;
+    // Area averaging: the detector shrinks pictures by factors of 5 to 20, and averaging
+    // every source pixel into its target pixel is what keeps sensor noise and fine texture
+    // from aliasing into false differences. It is also the cheapest filter that looks at
+    // every source pixel (bilinear widens to twice as many taps at these factors).
+    // The packed-RGB fast path converts pixel pairs and leaves the last column of an odd
+    // width unwritten; full chroma interpolation with accurate rounding takes the generic
+    // path, which writes every pixel. Even widths keep the fast path.
+    int swsFlags = flags != 0 ? flags : SWS_AREA;
+    if (width % 2 != 0) swsFlags |= SWS_FULL_CHR_H_INT | SWS_ACCURATE_RND;
+
+    if (attr.pSwsCtx == nullptr || attr.swsSrcWidth != pFrame->width ||
+        attr.swsSrcHeight != pFrame->height || attr.swsSrcFormat != pFrame->format ||
+        attr.swsDstWidth != width || attr.swsDstHeight != height || attr.swsFlags != swsFlags) {
+        sws_freeContext(attr.pSwsCtx);
+        attr.pSwsCtx = nullptr;
+        AVPixelFormat srcFormat = AV_PIX_FMT_NONE;
+        int colorspace = SWS_CS_DEFAULT;
+        bool blFullRange = false;
+        ColourOf(pFrame, srcFormat, colorspace, blFullRange);
+        attr.pSwsCtx = sws_getContext(pFrame->width, pFrame->height, srcFormat, width, height,
+                                      AV_PIX_FMT_RGB24, swsFlags, nullptr, nullptr, nullptr);
+        if (attr.pSwsCtx == nullptr) {
+            const char* szFormat = av_get_pix_fmt_name(srcFormat);
+            SetDecodeError("DoFFMpegScale: cannot scale %dx%d %s to %dx%d (flags 0x%x)",
+                           pFrame->width, pFrame->height, szFormat ? szFormat : "?", width,
+                           height, swsFlags);
+            return -1;
+        }
+        // Colour matrix and range of the stream, taken when the scaler is built: they do
+        // not change within a stream without its size or format changing as well.
+        sws_setColorspaceDetails(attr.pSwsCtx, sws_getCoefficients(colorspace),
+                                 blFullRange ? 1 : 0, sws_getCoefficients(SWS_CS_DEFAULT), 1, 0,
+                                 1 << 16, 1 << 16);
+        attr.swsSrcWidth = pFrame->width;
+        attr.swsSrcHeight = pFrame->height;
+        attr.swsSrcFormat = pFrame->format;
+        attr.swsDstWidth = width;
+        attr.swsDstHeight = height;
+        attr.swsFlags = swsFlags;
+    }
+    uint8_t* dst[4] = {out, nullptr, nullptr, nullptr};
+    int dstStride[4] = {width * 3, 0, 0, 0};
+    const int rows =
+        sws_scale(attr.pSwsCtx, pFrame->data, pFrame->linesize, 0, pFrame->height, dst, dstStride);
+    if (rows != height) {
+        SetDecodeError("DoFFMpegScale: scaler wrote %d of %d rows", rows, height);
+        return -1;
+    }
+    return 0;
+}
+
+// The reduced path: block sums, then their area average converted to RGB.
+int ScaleReduced(AVCodecContext* pCtx, const AVFrame* pFrame, const PlaneLayout& layout,
+                 int fx, int fy, unsigned char* out, int width, int height)
+{
+    const PlaneSums* planes = BandSumsFor(pCtx, pFrame, fx, fy, width, height);
+    if (planes == nullptr) {
+        if (!ReducePicture(pFrame, layout, fx, fy)) {
+            SetDecodeError("DoFFMpegScale: out of memory for the reduced %dx%d picture",
+                           pFrame->width / fx, pFrame->height / fy);
+            return -1;
+        }
+        planes = t_Reduced.planes;
+    }
+    AVPixelFormat plainFormat = AV_PIX_FMT_NONE;
+    int colorspace = SWS_CS_DEFAULT;
+    bool blFullRange = false;
+    ColourOf(pFrame, plainFormat, colorspace, blFullRange);
+    // libswscale converts pixel pairs with one chroma value unless the width is odd or the
+    // chroma planes are not subsampled at all; the same here.
+    const bool fullChroma =
+        width % 2 != 0 || (layout.chromaShiftX == 0 && layout.chromaShiftY == 0);
+    if (!AreaToRgb(planes, layout.planes, fx * fy, fullChroma,
+                   RgbMatrixOf(colorspace, blFullRange), out, width, height)) {
+        SetDecodeError("DoFFMpegScale: out of memory scaling to %dx%d", width, height);
+        return -1;
+    }
+    return 0;
 }
 
 int ScalePicture(FFmpegAttr& attr, unsigned char*& out, int& outSize, int width, int height,
@@ -694,69 +898,14 @@ int ScalePicture(FFmpegAttr& attr, unsigned char*& out, int& outSize, int width,
         return -1;
     }
     const AVFrame* pFrame = attr.pFrame;
-    // Area averaging: the detector shrinks pictures by factors of 5 to 20, and averaging
-    // every source pixel into its target pixel is what keeps sensor noise and fine texture
-    // from aliasing into false differences. It is also the cheapest filter that looks at
-    // every source pixel (bilinear widens to twice as many taps at these factors).
-    // The packed-RGB fast path converts pixel pairs and leaves the last column of an odd
-    // width unwritten; full chroma interpolation with accurate rounding takes the generic
-    // path, which writes every pixel. Even widths keep the fast path.
-    int swsFlags = flags != 0 ? flags : SWS_AREA;
-    if (width % 2 != 0) swsFlags |= SWS_FULL_CHR_H_INT | SWS_ACCURATE_RND;
-
     int fx = 1;
     int fy = 1;
     PlaneLayout layout;
-    if (blMayReduce) {
+    // Another libswscale filter asked for by name gets exactly that filter.
+    if (blMayReduce && flags == 0) {
         ReduceFactors(pFrame->width, pFrame->height, pFrame->format, width, height, fx, fy,
                       layout);
     }
-    const bool blReduce = fx > 1 || fy > 1;
-    const int srcWidth = pFrame->width / fx;
-    const int srcHeight = pFrame->height / fy;
-    const int cacheFlags = blReduce ? (swsFlags | kReducedScalerFlag) : swsFlags;
-
-    if (attr.pSwsCtx == nullptr || attr.swsSrcWidth != pFrame->width ||
-        attr.swsSrcHeight != pFrame->height || attr.swsSrcFormat != pFrame->format ||
-        attr.swsDstWidth != width || attr.swsDstHeight != height || attr.swsFlags != cacheFlags) {
-        sws_freeContext(attr.pSwsCtx);
-        attr.pSwsCtx = nullptr;
-        bool blFullRange = false;
-        const AVPixelFormat srcFormat =
-            PlainPixelFormat(static_cast<AVPixelFormat>(pFrame->format), blFullRange);
-        if (RawEnumValue(pFrame->color_range) == AVCOL_RANGE_JPEG) {
-            blFullRange = true;
-        }
-        attr.pSwsCtx = sws_getContext(srcWidth, srcHeight, srcFormat, width, height,
-                                      AV_PIX_FMT_RGB24, swsFlags, nullptr, nullptr, nullptr);
-        if (attr.pSwsCtx == nullptr) {
-            const char* szFormat = av_get_pix_fmt_name(srcFormat);
-            SetDecodeError("DoFFMpegScale: cannot scale %dx%d %s to %dx%d (flags 0x%x)",
-                           pFrame->width, pFrame->height, szFormat ? szFormat : "?", width,
-                           height, swsFlags);
-            return -1;
-        }
-        // Colour matrix and range of the stream, taken when the scaler is built: they do
-        // not change within a stream without its size or format changing as well.
-        // The decoders copy the stream's 8-bit matrix code as it stands, so a damaged or
-        // hostile stream can carry a value that no enumerator names (MPEG-4 with 228 was
-        // seen); anything unknown gets the default matrix.
-        const int matrix = RawEnumValue(pFrame->colorspace);
-        const int colorspace =
-            (matrix <= AVCOL_SPC_RGB || matrix == AVCOL_SPC_UNSPECIFIED || matrix >= AVCOL_SPC_NB)
-                ? SWS_CS_DEFAULT
-                : matrix;
-        sws_setColorspaceDetails(attr.pSwsCtx, sws_getCoefficients(colorspace),
-                                 blFullRange ? 1 : 0, sws_getCoefficients(SWS_CS_DEFAULT), 1, 0,
-                                 1 << 16, 1 << 16);
-        attr.swsSrcWidth = pFrame->width;
-        attr.swsSrcHeight = pFrame->height;
-        attr.swsSrcFormat = pFrame->format;
-        attr.swsDstWidth = width;
-        attr.swsDstHeight = height;
-        attr.swsFlags = cacheFlags;
-    }
-
     const size_t bytes = size_t(width) * size_t(height) * 3;
     // libswscale's vector code stores whole registers and may write up to 16 bytes past the
     // last row; the slack keeps that inside the buffer. outSize stays the picture's size.
@@ -765,23 +914,11 @@ int ScalePicture(FFmpegAttr& attr, unsigned char*& out, int& outSize, int width,
         SetDecodeError("DoFFMpegScale: out of memory for %zu bytes", bytes);
         return -1;
     }
-    const uint8_t* const* srcData = pFrame->data;
-    const int* srcStride = pFrame->linesize;
-    if (blReduce) {
-        if (!ReducePicture(pFrame, layout, fx, fy)) {
-            SetDecodeError("DoFFMpegScale: out of memory for the reduced %dx%d picture",
-                           srcWidth, srcHeight);
-            return -1;
-        }
-        srcData = t_Reduced.data;
-        srcStride = t_Reduced.linesize;
-    }
-    uint8_t* dst[4] = {out, nullptr, nullptr, nullptr};
-    int dstStride[4] = {width * 3, 0, 0, 0};
-    const int rows = sws_scale(attr.pSwsCtx, srcData, srcStride, 0, srcHeight, dst, dstStride);
-    if (rows != height) {
-        SetDecodeError("DoFFMpegScale: scaler wrote %d of %d rows", rows, height);
-        return -1;
+    const int ret = fx > 1 || fy > 1
+                        ? ScaleReduced(attr.pCodecCtx, pFrame, layout, fx, fy, out, width, height)
+                                     : ScaleWithSwscale(attr, out, width, height, flags);
+    if (ret != 0) {
+        return ret;
     }
     outSize = static_cast<int>(bytes);
     return 0;
@@ -817,16 +954,14 @@ int DoFFMpegScaleFull(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& 
     return ScalePicture(attr, out, outSize, width, height, flags, false);
 }
 
-void BoxReducePlaneOf(const unsigned char* src, int srcStride, int fx, int fy, int outWidth,
-                      int outHeight, unsigned char* dst, int dstStride, bool blGeneral)
+void SetDecodeBandSums(bool enabled)
 {
-    if (fx < 1 || fx > kMaxReduceFactor || fy < 1 || fy > kMaxReduceFactor || outWidth < 1 ||
-        outHeight < 1) {
-        return;
-    }
-    std::vector<uint16_t> acc(size_t(outWidth) * size_t(fx) + 16);
-    BoxReducePlane(src, srcStride, fx, fy, outWidth, outHeight, dst, dstStride, acc.data(),
-                   blGeneral);
+    g_blDecodeBandSums.store(enabled, std::memory_order_relaxed);
+}
+
+uint64_t DecodeBandSumsUsed()
+{
+    return g_BandSumsUsed.load(std::memory_order_relaxed);
 }
 
 void ScaleReduceFactors(int srcWidth, int srcHeight, int pixFormat, int dstWidth,
@@ -900,6 +1035,7 @@ int DoFFMpegInitVideo(FFmpegAttr& attr, int codec, const unsigned char* extra, i
     if (attr.pCodecCtx == nullptr) {
         return -1;
     }
+    tw::host::AttachBandSums(attr.pCodecCtx, codec, 0, 0);
     attr.pFrame = av_frame_alloc();
     attr.pPacket = av_packet_alloc();
     if (attr.pFrame == nullptr || attr.pPacket == nullptr) {
@@ -930,7 +1066,14 @@ int DoFFMpegResetContext(FFmpegAttr& attr)
     if (pFresh == nullptr) {
         return -1;
     }
-    avcodec_free_context(&attr.pCodecCtx);
+    int targetWidth = 0;
+    int targetHeight = 0;
+    if (const tw::host::BandSums* pOld = tw::host::BandSumsOf(attr.pCodecCtx)) {
+        targetWidth = pOld->targetWidth;
+        targetHeight = pOld->targetHeight;
+    }
+    tw::host::AttachBandSums(pFresh, attr.codec, targetWidth, targetHeight);
+    tw::host::FreeDecoder(attr.pCodecCtx);
     attr.pCodecCtx = pFresh;
     if (attr.pFrame == nullptr) {
         attr.pFrame = av_frame_alloc();
@@ -979,6 +1122,7 @@ int DoFFMpegDecode(FFmpegAttr& attr, const unsigned char* data, int size)
         return -1;
     }
     char szErr[AV_ERROR_MAX_STRING_SIZE];
+    tw::host::ArmBandSums(pCtx, true);
     int ret = avcodec_send_packet(pCtx, pPacket);
     if (ret == AVERROR(EAGAIN)) {
         // Pictures of an earlier frame are still waiting; they are older than this one.
@@ -1015,6 +1159,7 @@ int DoFFMpegDecode(FFmpegAttr& attr, const unsigned char* data, int size)
         }
     }
     av_frame_free(&pScratch);
+    tw::host::ArmBandSums(pCtx, false);
 
     if (got <= 0 || attr.pFrame->width < 1 || attr.pFrame->height < 1) {
         av_frame_unref(attr.pFrame);
@@ -1032,7 +1177,7 @@ int DoFFMpegScale(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& widt
 
 int DoFFMpegFree(FFmpegAttr& attr, unsigned char*& image)
 {
-    avcodec_free_context(&attr.pCodecCtx);
+    tw::host::FreeDecoder(attr.pCodecCtx);
     av_frame_free(&attr.pFrame);
     av_packet_free(&attr.pPacket);
     sws_freeContext(attr.pSwsCtx);

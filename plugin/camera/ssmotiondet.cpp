@@ -4,6 +4,7 @@
 #include <sys/shm.h>
 #include <unistd.h>
 
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -521,6 +522,28 @@ int TWMotionDet::SetDetBlocks(int width, int height) {
     return 0;
 }
 
+namespace {
+
+// How far the background moves towards the frame for each difference frame - background
+// (-255 to 255): a tenth of it in single precision, rounded away from zero, so that every
+// non-zero difference moves it at least one level. Worked out once per difference instead
+// of once per pixel and turn; the values are the formula's own.
+const signed char* BackgroundSteps()
+{
+    static const std::array<signed char, 511> kSteps = [] {
+        std::array<signed char, 511> steps{};
+        for (int d = -255; d <= 255; ++d) {
+            const float f = static_cast<float>(d * 0.1);
+            const float step = f > 0 ? std::ceil(f) : std::floor(f);
+            steps[static_cast<size_t>(d + 255)] = static_cast<signed char>(step);
+        }
+        return steps;
+    }();
+    return kSteps.data() + 255;
+}
+
+}  // namespace
+
 int TWMotionDet::DetMotion(unsigned char* prev, unsigned char* cur, int& result) {
     // prev only has to exist: the frame is compared with the background, not with prev.
     if (prev == nullptr || cur == nullptr) return 2;
@@ -537,6 +560,7 @@ int TWMotionDet::DetMotion(unsigned char* prev, unsigned char* cur, int& result)
     }
 
     const int diffThresh = (100 - m_Sensitivity) * 2;
+    const signed char* steps = BackgroundSteps();
     int checked = 0;
     int changed = 0;
     for (int p = 0; p < m_DetBufSize; ++p) {
@@ -544,11 +568,7 @@ int TWMotionDet::DetMotion(unsigned char* prev, unsigned char* cur, int& result)
         const int d = cur[p] - bg[p];
         ++checked;
         if (std::abs(d) > diffThresh) ++changed;
-        // Every non-zero difference moves the background at least one level towards the
-        // frame; the step is rounded away from zero in single precision.
-        const float f = static_cast<float>(d * 0.1);
-        const float step = f > 0 ? std::ceil(f) : std::floor(f);
-        bg[p] = static_cast<unsigned char>(bg[p] + static_cast<int>(step));
+        bg[p] = static_cast<unsigned char>(bg[p] + steps[d]);
     }
 
     // 25 % of the watched pixels changed already gives the full 100.

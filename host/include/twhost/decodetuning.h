@@ -4,6 +4,8 @@
 
 #include "tw/decode.h"
 
+#include <cstdint>
+
 namespace tw::host {
 
 // Detection decoders (DoFFMpegInitVideo) skip the H.264/HEVC in-loop deblocking filter: the
@@ -25,17 +27,29 @@ int SetExactDecode(FFmpegAttr& attr, bool exact);
 int DoFFMpegScaleFull(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& width,
                       int& height, int flags);
 
+// H.264 detection decoders (loop filter skipped) add each band of rows into the scale's
+// block sums as the decoder hands it over, while it is still in the cache, and DoFFMpegScale
+// uses those sums instead of reading the picture again when they are of the very picture it
+// scales, at the size the decoder's last scale asked for. The result is the same to the bit.
+// false turns this off for decoders opened from then on (tests compare the two ways).
+// Process-wide; default true. DecodeBandSumsUsed counts the scales that used band sums.
+void SetDecodeBandSums(bool enabled);
+uint64_t DecodeBandSumsUsed();
+
 // The integer box factors DoFFMpegScale reduces the planes of a srcWidth x srcHeight
 // picture in pixel format pixFormat (an AVPixelFormat) by before it scales to dstWidth x
 // dstHeight; 1 x 1 when it scales the full picture. For tests and benchmarks.
 void ScaleReduceFactors(int srcWidth, int srcHeight, int pixFormat, int dstWidth,
                         int dstHeight, int& fx, int& fy);
 
-// Means of whole fx x fy blocks of one 8-bit plane (outWidth * fx columns, outHeight * fy
-// rows read), rounded to nearest: the reduction DoFFMpegScale applies to each plane.
-// blGeneral forces the general column-sum path that every factor can take, so that tests
-// can hold the faster paths of some factors to the same result. fx and fy 1 to 16.
-void BoxReducePlaneOf(const unsigned char* src, int srcStride, int fx, int fy, int outWidth,
-                      int outHeight, unsigned char* dst, int dstStride, bool blGeneral);
+// Sums of whole fx x fy blocks of one 8-bit plane (outWidth * fx columns and outHeight * fy
+// rows read): the first step DoFFMpegScale takes on each plane. Blocks 8 or 16 wide have
+// vector kernels; General is the plain path every factor can take, Best the fastest this
+// CPU runs. fx and fy 1 to 16; dstStride counts values. False, with nothing written, when
+// the factors are out of range or the kernel cannot take them on this CPU, so that tests
+// can hold every kernel there is to the same sums.
+enum class BoxKernel { Best, General, Sse2, Avx2, Avx512 };
+bool BoxSumPlaneOf(const unsigned char* src, int srcStride, int fx, int fy, int outWidth,
+                   int outHeight, uint16_t* dst, int dstStride, BoxKernel kernel);
 
 }  // namespace tw::host

@@ -1,0 +1,542 @@
+// Block sums and the area average to RGB behind DoFFMpegScale.
+//
+// The detector wants about 120 x 67 pixels from a picture of up to 4K. Reading the picture
+// is the cost that cannot be avoided: 3 MB for 1080p, most of it no longer in the core's own
+// caches when the decoder is done. So every byte is read once, by the cheapest instruction
+// that adds bytes (a sum of absolute differences against zero adds 8 of them), into exact
+// integer sums of whole blocks; everything after that works on a picture a few dozen times
+// smaller. The sums are kept unrounded, and the area average at the target size divides
+// only once, at the end, so the result is the true area average of the source wherever the
+// target's pixel boundaries fall on block boundaries, and differs from it by the weight of
+// a cut block's parts elsewhere.
+
+#include "boxreduce.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <list>
+#include <new>
+#include <vector>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define TW_BOX_X86 1
+#endif
+
+extern "C" {
+#include <libavutil/pixfmt.h>
+#include <libswscale/swscale.h>
+}
+
+namespace tw::host {
+namespace {
+
+// Sums of up to 16 x 16 bytes still fit 16 bits.
+constexpr int kMaxBoxFactor = 16;
+
+// Per-thread scratch: a detector's thread scales one picture at a time.
+struct Scratch {
+    std::vector<uint16_t> columns;   // column sums of one band (general kernel)
+    std::vector<uint64_t> lanes;     // running vector sums of one band (vector kernels)
+    std::vector<float> rowSums;      // one vertically averaged row (area step)
+    std::vector<float> planes;       // the area-averaged planes at the target size
+    std::vector<uint32_t> words;     // one row of pixels as 4-byte words before packing
+};
+thread_local Scratch t_Scratch;
+
+// Storage for `vectors` registers of type T, aligned to 64 bytes (enough for any of them;
+// alignof of a vector type is not to be trusted outside a function built for it).
+template <typename T>
+T* AlignedLanes(std::vector<uint64_t>& lanes, size_t vectors)
+{
+    constexpr size_t kAlign = 64;
+    const size_t words = (vectors * sizeof(T) + kAlign) / sizeof(uint64_t);
+    if (lanes.size() < words) lanes.resize(words);
+    auto address = reinterpret_cast<uintptr_t>(lanes.data());
+    address = (address + kAlign - 1) & ~uintptr_t(kAlign - 1);
+    return reinterpret_cast<T*>(address);
+}
+
+// The sum of `rows` rows of the fx bytes at pCell, byte by byte: the columns that a vector
+// kernel's last whole register does not reach.
+unsigned CellSum(const uint8_t* pCell, int stride, int fx, int rows)
+{
+    unsigned sum = 0;
+    for (int r = 0; r < rows; ++r, pCell += stride) {
+        for (int k = 0; k < fx; ++k) sum += pCell[k];
+    }
+    return sum;
+}
+
+// Each kernel adds the sums of `rows` rows from pTop, fx bytes to a sum, into the outWidth
+// values at pOut: one row of blocks when rows is their height, a part of it when a band of
+// the picture ends inside the row.
+
+// Any factor: column sums of the rows, then sums of fx neighbouring columns.
+void AddRowsGeneral(const uint8_t* pTop, int stride, int rows, int fx, int outWidth,
+                    uint16_t* pOut)
+{
+    const int inWidth = outWidth * fx;
+    std::vector<uint16_t>& columns = t_Scratch.columns;
+    if (columns.size() < size_t(inWidth)) columns.resize(size_t(inWidth));
+    std::fill(columns.begin(), columns.begin() + inWidth, uint16_t(0));
+    const uint8_t* pRow = pTop;
+    for (int r = 0; r < rows; ++r, pRow += stride) {
+        for (int x = 0; x < inWidth; ++x) columns[size_t(x)] = uint16_t(columns[size_t(x)] + pRow[x]);
+    }
+    const uint16_t* pColumn = columns.data();
+    for (int ox = 0; ox < outWidth; ++ox, pColumn += fx) {
+        unsigned sum = 0;
+        for (int k = 0; k < fx; ++k) sum += pColumn[k];
+        pOut[ox] = static_cast<uint16_t>(pOut[ox] + sum);
+    }
+}
+
+#if TW_BOX_X86
+// Blocks 8 or 16 wide: one SAD adds each 8 neighbouring bytes of a 16-byte load. The rows
+// are read one after another from start to end, the order in which the decoder left them
+// and the hardware prefetcher streams them best; the running sums stay in `sums`, one
+// register per 16 columns.
+__attribute__((target("sse2"))) void AddRowsSse2(const uint8_t* pTop, int stride, int rows,
+                                                 int fx, int outWidth, uint16_t* pOut)
+{
+    const __m128i zero = _mm_setzero_si128();
+    const int inWidth = outWidth * fx;
+    const int vectors = inWidth / 16;
+    __m128i* sums = AlignedLanes<__m128i>(t_Scratch.lanes, size_t(vectors));
+    for (int v = 0; v < vectors; ++v) sums[v] = zero;
+    const uint8_t* pRow = pTop;
+    for (int r = 0; r < rows; ++r, pRow += stride) {
+        for (int v = 0; v < vectors; ++v) {
+            const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pRow + 16 * v));
+            sums[v] = _mm_add_epi64(sums[v], _mm_sad_epu8(bytes, zero));
+        }
+    }
+    for (int v = 0; v < vectors; ++v) {
+        const auto lo = static_cast<unsigned>(_mm_cvtsi128_si32(sums[v]));
+        const auto hi = static_cast<unsigned>(_mm_cvtsi128_si32(_mm_srli_si128(sums[v], 8)));
+        if (fx == 8) {
+            pOut[2 * v] = static_cast<uint16_t>(pOut[2 * v] + lo);
+            pOut[2 * v + 1] = static_cast<uint16_t>(pOut[2 * v + 1] + hi);
+        } else {
+            pOut[v] = static_cast<uint16_t>(pOut[v] + lo + hi);
+        }
+    }
+    // inWidth is a multiple of fx; a last block of 8 when 16 does not divide it.
+    for (int x = vectors * 16; x < inWidth; x += fx) {
+        pOut[x / fx] = static_cast<uint16_t>(pOut[x / fx] + CellSum(pTop + x, stride, fx, rows));
+    }
+}
+
+// The same with 32-byte registers: half the loads and adds per byte.
+__attribute__((target("avx2"))) void AddRowsAvx2(const uint8_t* pTop, int stride, int rows,
+                                                 int fx, int outWidth, uint16_t* pOut)
+{
+    const __m256i zero = _mm256_setzero_si256();
+    const int inWidth = outWidth * fx;
+    const int vectors = inWidth / 32;
+    __m256i* sums = AlignedLanes<__m256i>(t_Scratch.lanes, size_t(vectors));
+    for (int v = 0; v < vectors; ++v) sums[v] = zero;
+    const uint8_t* pRow = pTop;
+    for (int r = 0; r < rows; ++r, pRow += stride) {
+        for (int v = 0; v < vectors; ++v) {
+            const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(pRow + 32 * v));
+            sums[v] = _mm256_add_epi64(sums[v], _mm256_sad_epu8(bytes, zero));
+        }
+    }
+    for (int v = 0; v < vectors; ++v) {
+        alignas(32) uint64_t lane[4];
+        _mm256_store_si256(reinterpret_cast<__m256i*>(lane), sums[v]);
+        if (fx == 8) {
+            for (int k = 0; k < 4; ++k) pOut[4 * v + k] = static_cast<uint16_t>(pOut[4 * v + k] + lane[k]);
+        } else {
+            pOut[2 * v] = static_cast<uint16_t>(pOut[2 * v] + lane[0] + lane[1]);
+            pOut[2 * v + 1] = static_cast<uint16_t>(pOut[2 * v + 1] + lane[2] + lane[3]);
+        }
+    }
+    for (int x = vectors * 32; x < inWidth; x += fx) {
+        pOut[x / fx] = static_cast<uint16_t>(pOut[x / fx] + CellSum(pTop + x, stride, fx, rows));
+    }
+}
+
+// And with 64-byte registers, where the CPU has them: a band fresh from the decoder sits in
+// the core's second-level cache, and wider loads take more of it per cycle.
+__attribute__((target("avx512f,avx512bw"))) void AddRowsAvx512(const uint8_t* pTop, int stride,
+                                                              int rows, int fx, int outWidth,
+                                                              uint16_t* pOut)
+{
+    const __m512i zero = _mm512_setzero_si512();
+    const int inWidth = outWidth * fx;
+    const int vectors = inWidth / 64;
+    __m512i* sums = AlignedLanes<__m512i>(t_Scratch.lanes, size_t(vectors));
+    for (int v = 0; v < vectors; ++v) sums[v] = zero;
+    const uint8_t* pRow = pTop;
+    for (int r = 0; r < rows; ++r, pRow += stride) {
+        for (int v = 0; v < vectors; ++v) {
+            const __m512i bytes = _mm512_loadu_si512(pRow + 64 * v);
+            sums[v] = _mm512_add_epi64(sums[v], _mm512_sad_epu8(bytes, zero));
+        }
+    }
+    for (int v = 0; v < vectors; ++v) {
+        alignas(64) uint64_t lane[8];
+        _mm512_store_si512(lane, sums[v]);
+        if (fx == 8) {
+            for (int k = 0; k < 8; ++k) pOut[8 * v + k] = static_cast<uint16_t>(pOut[8 * v + k] + lane[k]);
+        } else {
+            for (int k = 0; k < 4; ++k) {
+                pOut[4 * v + k] = static_cast<uint16_t>(pOut[4 * v + k] + lane[2 * k] + lane[2 * k + 1]);
+            }
+        }
+    }
+    for (int x = vectors * 64; x < inWidth; x += fx) {
+        pOut[x / fx] = static_cast<uint16_t>(pOut[x / fx] + CellSum(pTop + x, stride, fx, rows));
+    }
+}
+
+bool CpuHasAvx512()
+{
+    static const bool has =
+        __builtin_cpu_supports("avx512f") != 0 && __builtin_cpu_supports("avx512bw") != 0;
+    return has;
+}
+
+bool CpuHasAvx2()
+{
+    static const bool has = __builtin_cpu_supports("avx2") != 0;
+    return has;
+}
+#endif
+
+using AddRowsFn = void (*)(const uint8_t*, int, int, int, int, uint16_t*);
+
+// The kernel for fx, or null when `kernel` cannot take it on this CPU.
+AddRowsFn KernelFor(BoxKernel kernel, int fx)
+{
+    const bool wide = fx == 8 || fx == 16;
+#if TW_BOX_X86
+    switch (kernel) {
+    case BoxKernel::Best:
+        return !wide            ? AddRowsGeneral
+               : CpuHasAvx512() ? AddRowsAvx512
+               : CpuHasAvx2()   ? AddRowsAvx2
+                                : AddRowsSse2;
+    case BoxKernel::General:
+        return AddRowsGeneral;
+    case BoxKernel::Sse2:
+        return wide ? AddRowsSse2 : nullptr;
+    case BoxKernel::Avx2:
+        return wide && CpuHasAvx2() ? AddRowsAvx2 : nullptr;
+    case BoxKernel::Avx512:
+        return wide && CpuHasAvx512() ? AddRowsAvx512 : nullptr;
+    }
+    return nullptr;
+#else
+    (void)wide;
+    return kernel == BoxKernel::Best || kernel == BoxKernel::General ? AddRowsGeneral : nullptr;
+#endif
+}
+
+// Area weights of one axis: target pixel i covers source positions [i S/D, (i+1) S/D); the
+// weight of source pixel first[i] + t is the length of its overlap with that span, over
+// S/D. taps weights per target pixel (as many as the widest span touches), zero where a
+// span touches fewer pixels.
+struct AxisTaps {
+    int taps = 0;
+    std::vector<int> first;
+    std::vector<float> weight;
+};
+
+void MakeAxisTaps(int source, int target, AxisTaps& axis)
+{
+    const int64_t S = source;
+    const int64_t D = target;
+    // In units of 1/D of a source pixel, span i is [i S, (i + 1) S): pixels i S / D to
+    // ((i + 1) S - 1) / D.
+    int taps = 1;
+    for (int64_t i = 0; i < D; ++i) {
+        taps = std::max(taps, int(((i + 1) * S - 1) / D - (i * S) / D + 1));
+    }
+    axis.taps = taps;
+    axis.first.assign(size_t(target), 0);
+    axis.weight.assign(size_t(target) * size_t(taps), 0.0f);
+    for (int64_t i = 0; i < D; ++i) {
+        const int64_t lo = i * S;
+        const int64_t hi = lo + S;
+        const int64_t j0 = lo / D;
+        const int64_t j1 = (hi - 1) / D;
+        // Keep every tap inside the plane: a span near the end starts its taps earlier
+        // and gives the leading ones no weight.
+        const int64_t start = std::min(j0, S - taps);
+        axis.first[size_t(i)] = int(start);
+        for (int64_t j = j0; j <= j1; ++j) {
+            const int64_t overlap = std::min(hi, (j + 1) * D) - std::max(lo, j * D);
+            axis.weight[size_t(i) * size_t(taps) + size_t(j - start)] =
+                float(double(overlap) / double(S));
+        }
+    }
+}
+
+// The horizontal step of the area average for one row: each target value the weighted sum
+// of its taps. TAPS is the tap count when it is a small constant (0: read from axis), so
+// that the common spans of 2 to 4 pixels run without a loop of their own.
+template <int TAPS>
+void AcrossRowOf(const float* row, const AxisTaps& across, float* pLine, int targetWidth)
+{
+    const int taps = TAPS > 0 ? TAPS : across.taps;
+    const float* w = across.weight.data();
+    const int* first = across.first.data();
+    for (int ox = 0; ox < targetWidth; ++ox, w += taps) {
+        const float* pCell = row + first[ox];
+        float sum = 0.0f;
+        for (int t = 0; t < taps; ++t) sum += w[t] * pCell[t];
+        pLine[ox] = sum;
+    }
+}
+
+void AcrossRow(const float* row, const AxisTaps& across, float* pLine, int targetWidth)
+{
+    switch (across.taps) {
+    case 1: AcrossRowOf<1>(row, across, pLine, targetWidth); break;
+    case 2: AcrossRowOf<2>(row, across, pLine, targetWidth); break;
+    case 3: AcrossRowOf<3>(row, across, pLine, targetWidth); break;
+    case 4: AcrossRowOf<4>(row, across, pLine, targetWidth); break;
+    default: AcrossRowOf<0>(row, across, pLine, targetWidth); break;
+    }
+}
+
+// The area average of one plane of sums at targetWidth x targetHeight, still as sums of a
+// block (not yet divided by its area), into pOut (targetWidth values a row). The loops are
+// written for the compiler to vectorise (this file is built with -O3).
+void AreaPlane(const PlaneSums& plane, const AxisTaps& across, const AxisTaps& down,
+               int targetWidth, int targetHeight, std::vector<float>& rowSums, float* pOut)
+{
+    const int width = plane.width;
+    rowSums.resize(size_t(width));
+    float* const pRowSums = rowSums.data();
+    for (int oy = 0; oy < targetHeight; ++oy) {
+        const float* wDown = &down.weight[size_t(oy) * size_t(down.taps)];
+        const uint16_t* pFirst = plane.data + ptrdiff_t(down.first[size_t(oy)]) * plane.stride;
+        // Where the blocks make exactly the target width, the vertical step writes the result.
+        const bool identity = width == targetWidth;
+        float* __restrict row = identity ? pOut + ptrdiff_t(oy) * targetWidth : pRowSums;
+        for (int x = 0; x < width; ++x) row[x] = 0.0f;
+        for (int t = 0; t < down.taps; ++t) {
+            const float w = wDown[t];
+            if (w == 0.0f) continue;
+            const uint16_t* __restrict pRow = pFirst + ptrdiff_t(t) * plane.stride;
+            for (int x = 0; x < width; ++x) row[x] += w * float(pRow[x]);
+        }
+        if (!identity) AcrossRow(row, across, pOut + ptrdiff_t(oy) * targetWidth, targetWidth);
+    }
+}
+
+// One row of RGB: luma sums (one per pixel) and chroma sums (one per pixel, or one per two
+// pixels when halfChroma), each colour clamped to [0, 255] and rounded to nearest. The
+// conversion takes four pixels at a time where SSE2 is there (every x86-64 CPU); each pixel
+// is then stored as a 4-byte word whose top byte the next pixel overwrites.
+void RgbRow(const float* __restrict luma, const float* __restrict cb, const float* __restrict cr,
+            bool halfChroma, int width, const RgbMatrix& m, float lumaOffset, float chromaMid,
+            uint32_t* __restrict words, uint8_t* __restrict pOut)
+{
+    int x = 0;
+#if defined(__SSE2__)
+    const __m128 cy = _mm_set1_ps(m.cy);
+    const __m128 offset = _mm_set1_ps(lumaOffset);
+    const __m128 mid = _mm_set1_ps(chromaMid);
+    const __m128 crv = _mm_set1_ps(m.crv);
+    const __m128 cgu = _mm_set1_ps(m.cgu);
+    const __m128 cgv = _mm_set1_ps(m.cgv);
+    const __m128 cbu = _mm_set1_ps(m.cbu);
+    const __m128 low = _mm_setzero_ps();
+    const __m128 high = _mm_set1_ps(255.0f);
+    const __m128 half = _mm_set1_ps(0.5f);
+    auto toInts = [&](__m128 value) {
+        return _mm_cvttps_epi32(_mm_add_ps(_mm_min_ps(high, _mm_max_ps(low, value)), half));
+    };
+    auto four = [&](int at, __m128 u, __m128 v) {
+        const __m128 y = _mm_sub_ps(_mm_mul_ps(cy, _mm_loadu_ps(luma + at)), offset);
+        u = _mm_sub_ps(u, mid);
+        v = _mm_sub_ps(v, mid);
+        const __m128i red = toInts(_mm_add_ps(y, _mm_mul_ps(crv, v)));
+        const __m128i green =
+            toInts(_mm_sub_ps(_mm_sub_ps(y, _mm_mul_ps(cgu, u)), _mm_mul_ps(cgv, v)));
+        const __m128i blue = toInts(_mm_add_ps(y, _mm_mul_ps(cbu, u)));
+        const __m128i word = _mm_or_si128(
+            red, _mm_or_si128(_mm_slli_epi32(green, 8), _mm_slli_epi32(blue, 16)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(words + at), word);
+    };
+    if (halfChroma) {
+        for (; x + 8 <= width; x += 8) {
+            const __m128 u = _mm_loadu_ps(cb + x / 2);
+            const __m128 v = _mm_loadu_ps(cr + x / 2);
+            four(x, _mm_unpacklo_ps(u, u), _mm_unpacklo_ps(v, v));
+            four(x + 4, _mm_unpackhi_ps(u, u), _mm_unpackhi_ps(v, v));
+        }
+    } else {
+        for (; x + 4 <= width; x += 4) four(x, _mm_loadu_ps(cb + x), _mm_loadu_ps(cr + x));
+    }
+#endif
+    auto toInt = [](float value) { return uint32_t(std::min(255.0f, std::max(0.0f, value)) + 0.5f); };
+    for (; x < width; ++x) {
+        const int c = halfChroma ? x / 2 : x;
+        const float y = m.cy * luma[x] - lumaOffset;
+        const float u = cb[c] - chromaMid;
+        const float v = cr[c] - chromaMid;
+        words[x] = toInt(y + m.crv * v) | toInt(y - m.cgu * u - m.cgv * v) << 8 |
+                   toInt(y + m.cbu * u) << 16;
+    }
+    for (x = 0; x + 1 < width; ++x) memcpy(pOut + 3 * x, &words[x], 4);
+    pOut[3 * x] = uint8_t(words[x]);
+    pOut[3 * x + 1] = uint8_t(words[x] >> 8);
+    pOut[3 * x + 2] = uint8_t(words[x] >> 16);
+}
+
+// The taps of the axes of the last pictures this thread scaled: a detector asks for the
+// same sizes turn after turn. Least recently used first; an entry found moves to the end,
+// and a list keeps the references handed out valid, so the four axes of one scale (always
+// the most recently used) are never the one dropped.
+const AxisTaps& TapsFor(int source, int target)
+{
+    struct Entry {
+        int source;
+        int target;
+        AxisTaps taps;
+    };
+    thread_local std::list<Entry> t_Taps;
+    for (auto it = t_Taps.begin(); it != t_Taps.end(); ++it) {
+        if (it->source == source && it->target == target) {
+            t_Taps.splice(t_Taps.end(), t_Taps, it);
+            return t_Taps.back().taps;
+        }
+    }
+    constexpr size_t kKept = 8;
+    if (t_Taps.size() >= kKept) t_Taps.pop_front();
+    t_Taps.push_back(Entry{source, target, AxisTaps{}});
+    MakeAxisTaps(source, target, t_Taps.back().taps);
+    return t_Taps.back().taps;
+}
+
+}  // namespace
+
+bool BoxSumPlaneOf(const unsigned char* src, int srcStride, int fx, int fy, int outWidth,
+                   int outHeight, uint16_t* dst, int dstStride, BoxKernel kernel)
+{
+    if (fx < 1 || fx > kMaxBoxFactor || fy < 1 || fy > kMaxBoxFactor || outWidth < 1 ||
+        outHeight < 1 || src == nullptr || dst == nullptr || dstStride < outWidth) {
+        return false;
+    }
+    const AddRowsFn add = KernelFor(kernel, fx);
+    if (add == nullptr) return false;
+    try {
+        for (int oy = 0; oy < outHeight; ++oy) {
+            uint16_t* pOut = dst + ptrdiff_t(oy) * dstStride;
+            std::fill(pOut, pOut + outWidth, uint16_t(0));
+            add(src + ptrdiff_t(oy) * fy * srcStride, srcStride, fy, fx, outWidth, pOut);
+        }
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+bool AddBoxRows(const uint8_t* src, int srcStride, int firstRow, int rows, int fx, int fy,
+                int outWidth, int outHeight, uint16_t* dst, int dstStride)
+{
+    if (fx < 1 || fx > kMaxBoxFactor || fy < 1 || fy > kMaxBoxFactor || outWidth < 1 ||
+        outHeight < 1 || firstRow < 0 || rows < 0 || src == nullptr || dst == nullptr) {
+        return false;
+    }
+    const AddRowsFn add = KernelFor(BoxKernel::Best, fx);
+    // Rows below the last whole row of blocks belong to no block.
+    const int end = std::min(firstRow + rows, outHeight * fy);
+    try {
+        for (int row = firstRow; row < end;) {
+            const int oy = row / fy;
+            const int stop = std::min(end, (oy + 1) * fy);
+            add(src + ptrdiff_t(row) * srcStride, srcStride, stop - row, fx, outWidth,
+                dst + ptrdiff_t(oy) * dstStride);
+            row = stop;
+        }
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+RgbMatrix RgbMatrixOf(int colorspace, bool fullRange)
+{
+    // libswscale's table gives the chroma factors for limited-range chroma, in 1/65536.
+    const int* table = sws_getCoefficients(colorspace);
+    RgbMatrix m;
+    m.crv = float(table[0]) / 65536.0f;
+    m.cbu = float(table[1]) / 65536.0f;
+    m.cgu = float(table[2]) / 65536.0f;
+    m.cgv = float(table[3]) / 65536.0f;
+    if (fullRange) {
+        const float chroma = 224.0f / 255.0f;
+        m.crv *= chroma;
+        m.cbu *= chroma;
+        m.cgu *= chroma;
+        m.cgv *= chroma;
+    } else {
+        m.cy = 255.0f / 219.0f;
+        m.oy = 16.0f;
+    }
+    return m;
+}
+
+bool AreaToRgb(const PlaneSums* planes, int planeCount, int blockArea, bool fullChroma,
+               const RgbMatrix& matrix, uint8_t* out, int width, int height)
+{
+    if (planes == nullptr || (planeCount != 1 && planeCount != 3) || blockArea < 1 ||
+        width < 1 || height < 1) {
+        return false;
+    }
+    const int chromaWidth = planeCount == 3 ? (fullChroma ? width : (width + 1) / 2) : width;
+    try {
+        const size_t lumaValues = size_t(width) * size_t(height);
+        const size_t chromaValues = size_t(chromaWidth) * size_t(height);
+        std::vector<float>& values = t_Scratch.planes;
+        values.resize(lumaValues + 2 * chromaValues);
+        float* pY = values.data();
+        float* pU = pY + lumaValues;
+        float* pV = pU + chromaValues;
+        const AxisTaps& lumaAcross = TapsFor(planes[0].width, width);
+        const AxisTaps& lumaDown = TapsFor(planes[0].height, height);
+        AreaPlane(planes[0], lumaAcross, lumaDown, width, height, t_Scratch.rowSums, pY);
+        // Grey: chroma at its middle, which the conversion takes as no colour.
+        float chromaMid = 128.0f * float(blockArea);
+        if (planeCount == 3) {
+            const AxisTaps& chromaAcross = TapsFor(planes[1].width, chromaWidth);
+            const AxisTaps& chromaDown = TapsFor(planes[1].height, height);
+            AreaPlane(planes[1], chromaAcross, chromaDown, chromaWidth, height, t_Scratch.rowSums, pU);
+            AreaPlane(planes[2], chromaAcross, chromaDown, chromaWidth, height, t_Scratch.rowSums, pV);
+        } else {
+            std::fill(pU, pU + 2 * chromaValues, chromaMid);
+        }
+
+        // The sums are divided by the block's area in the matrix.
+        const float perSum = 1.0f / float(blockArea);
+        RgbMatrix m = matrix;
+        m.cy *= perSum;
+        m.crv *= perSum;
+        m.cbu *= perSum;
+        m.cgu *= perSum;
+        m.cgv *= perSum;
+        const float lumaOffset = matrix.cy * matrix.oy;
+        std::vector<uint32_t>& words = t_Scratch.words;
+        words.resize(size_t(width));
+        const bool halfChroma = planeCount == 3 && !fullChroma;
+        for (int y = 0; y < height; ++y) {
+            RgbRow(pY + ptrdiff_t(y) * width, pU + ptrdiff_t(y) * chromaWidth,
+                   pV + ptrdiff_t(y) * chromaWidth, halfChroma, width, m, lumaOffset, chromaMid,
+                   words.data(), out + ptrdiff_t(y) * width * 3);
+        }
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+}  // namespace tw::host
