@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "tw/camera.h"
+#include "twhost/annexb.h"
 #include "twhost/clock.h"
 #include "twhost/streamfifo.h"
 
@@ -148,6 +149,23 @@ std::vector<unsigned char> ParameterSetsOf(int codec, const std::vector<unsigned
     return out;
 }
 
+// NAL length size of MP4/Matroska extra data (avcC, hvcC) as the mp4toannexb filters read
+// it; 0 when the extra data is in Annex B already, too short, or gives a size the deferred
+// path does not take (3 is possible in the field but invalid).
+int NalLengthSizeOf(int codec, const unsigned char* extra, size_t size) {
+    if (extra == nullptr || (size >= 3 && extra[0] == 0 && extra[1] == 0 &&
+                             (extra[2] == 1 || (size >= 4 && extra[2] == 0 && extra[3] == 1)))) {
+        return 0;
+    }
+    int lengthSize = 0;
+    if (codec == VIDEO_CODEC_H264 && size >= 7) {
+        lengthSize = (extra[4] & 0x03) + 1;
+    } else if (codec == VIDEO_CODEC_HEVC && size >= 23) {
+        lengthSize = (extra[21] & 0x03) + 1;
+    }
+    return lengthSize == 3 ? 0 : lengthSize;
+}
+
 // How many packets Open may read ahead to find the parameter sets of a stream whose
 // container does not carry them (MPEG-TS, raw elementary streams).
 constexpr size_t kMaxLookAheadPackets = 600;
@@ -177,6 +195,10 @@ struct MediaSource::Impl {
     int64_t m_LastPtsUs = AV_NOPTS_VALUE;
     bool m_blDemuxEnd = false;   // the demuxer has nothing more
     bool m_blFlushed = false;    // and the bitstream filter has been drained
+    std::atomic<bool> m_blDeferAnnexB{false};
+    int m_NalLengthSize = 0;     // of a length-prefixed stream that the filter converts
+    // A deferred H.264 packet held a non-IDR slice since the filter last saw a packet.
+    bool m_blSkippedSlice = false;
     std::deque<SourcePacket> m_Ready;
     std::string m_strError;
 
@@ -221,13 +243,17 @@ struct MediaSource::Impl {
         m_LastPtsUs = AV_NOPTS_VALUE;
         m_blDemuxEnd = false;
         m_blFlushed = false;
+        m_NalLengthSize = 0;
+        m_blSkippedSlice = false;
         m_Ready.clear();
         m_DeadlineUs.store(0);
     }
 
-    // Turns a packet of the video stream (after the bitstream filter) into a SourcePacket.
-    void Collect(const AVPacket* pkt) {
+    // Turns a packet of the video stream (after the bitstream filter, or deferred with its
+    // NAL length size) into a SourcePacket.
+    void Collect(const AVPacket* pkt, int nalLengthSize = 0) {
         SourcePacket out;
+        out.nalLengthSize = nalLengthSize;
         auto data = std::make_shared<std::vector<unsigned char>>(pkt->data, pkt->data + pkt->size);
         out.keyFrame = (pkt->flags & AV_PKT_FLAG_KEY) != 0;
         out.corrupt = (pkt->flags & AV_PKT_FLAG_CORRUPT) != 0;
@@ -322,6 +348,12 @@ struct MediaSource::Impl {
             av_packet_unref(m_pPacket);
             return 1;
         }
+        if (Defer(m_pPacket)) {
+            Collect(m_pPacket, m_NalLengthSize);
+            av_packet_unref(m_pPacket);
+            return 1;
+        }
+        CatchUpFilter();
         ret = av_bsf_send_packet(m_pBsf, m_pPacket);
         av_packet_unref(m_pPacket);
         // A packet that the filter refuses or gives up on is skipped, as a camera's receiver
@@ -330,6 +362,52 @@ struct MediaSource::Impl {
             DrainFilter();
         }
         return 1;
+    }
+
+    // Whether a packet skips the filter: a non-key frame of a length-prefixed stream that
+    // the local converter turns into the very bytes the filter would give. Reads only the
+    // length prefixes and the NAL headers.
+    bool Defer(const AVPacket* pkt) {
+        if (!m_blDeferAnnexB.load(std::memory_order_relaxed) || m_NalLengthSize == 0 ||
+            (pkt->flags & AV_PKT_FLAG_KEY) != 0) {
+            return false;
+        }
+        bool hasSlice = false;
+        if (InspectLengthPrefixed(m_Codec, pkt->data, static_cast<size_t>(pkt->size),
+                                  m_NalLengthSize, &hasSlice) != NalLayout::Plain) {
+            return false;
+        }
+        m_blSkippedSlice = m_blSkippedSlice || hasSlice;
+        return true;
+    }
+
+    // The H.264 filter keeps three flags between packets (a new IDR picture may follow;
+    // SPS, PPS seen since) that decide where it inserts the parameter sets of the next key
+    // frame. A packet that Defer lets pass holds no SPS, PPS or IDR slice, so all it could
+    // have done is what a non-IDR slice does: re-arm the flags if they were disarmed, the
+    // same after one slice as after many. One two-byte slice does that now, so the filter
+    // treats the next packet exactly as if every deferred one had gone through it. The HEVC
+    // filter keeps nothing between packets.
+    void CatchUpFilter() {
+        if (!m_blSkippedSlice) {
+            return;
+        }
+        m_blSkippedSlice = false;
+        AVPacket* slice = av_packet_alloc();
+        if (slice == nullptr || av_new_packet(slice, m_NalLengthSize + 2) < 0) {
+            av_packet_free(&slice);
+            return;
+        }
+        std::fill(slice->data, slice->data + m_NalLengthSize, 0);
+        slice->data[m_NalLengthSize - 1] = 2;
+        slice->data[m_NalLengthSize] = 0x01;       // nal_ref_idc 0, type 1: non-IDR slice
+        slice->data[m_NalLengthSize + 1] = 0x80;   // first_mb_in_slice 0
+        if (av_bsf_send_packet(m_pBsf, slice) == 0) {
+            while (av_bsf_receive_packet(m_pBsf, slice) == 0) {
+                av_packet_unref(slice);
+            }
+        }
+        av_packet_free(&slice);
     }
 
     // Reads until at least one packet is ready or the source ends. 1 ready, 0 end, -1 error.
@@ -492,6 +570,11 @@ bool MediaSource::Open(const std::string& input, std::string& error,
         }
         if (!IsAnnexB(impl.m_ExtraData)) {
             impl.m_ExtraData.clear();
+        } else {
+            // Only where the filter turned avcC/hvcC into Annex B does it convert packets.
+            const size_t extraSize =
+                par->extradata != nullptr ? static_cast<size_t>(par->extradata_size) : 0;
+            impl.m_NalLengthSize = NalLengthSizeOf(impl.m_Codec, par->extradata, extraSize);
         }
         if (impl.m_ExtraData.empty() && !impl.FindParameterSets()) {
             return fail(impl.m_strError);
@@ -541,10 +624,24 @@ int MediaSource::ReadPacket(SourcePacket& packet) {
     }
     packet = std::move(impl.m_Ready.front());
     impl.m_Ready.pop_front();
+    // Deferral was turned off after this packet was read ahead: its reader expects Annex B.
+    if (packet.nalLengthSize != 0 && !impl.m_blDeferAnnexB.load()) {
+        auto converted = std::make_shared<std::vector<unsigned char>>();
+        LengthPrefixedToAnnexB(impl.m_Codec, packet.data->data(), packet.data->size(),
+                               packet.nalLengthSize, *converted);
+        packet.data = std::move(converted);
+        packet.nalLengthSize = 0;
+    }
     return 1;
 }
 
 const std::string& MediaSource::GetLastError() const { return m_pImpl->m_strError; }
+
+void MediaSource::SetDeferAnnexB(bool defer) { m_pImpl->m_blDeferAnnexB.store(defer); }
+
+bool MediaSource::GetDeferAnnexB() const { return m_pImpl->m_blDeferAnnexB.load(); }
+
+int MediaSource::GetNalLengthSize() const { return m_pImpl->m_NalLengthSize; }
 
 bool MediaSource::Rewind(std::string& error) {
     Impl& impl = *m_pImpl;
@@ -567,6 +664,7 @@ bool MediaSource::Rewind(std::string& error) {
     if (impl.m_pBsf != nullptr) {
         av_bsf_flush(impl.m_pBsf);
     }
+    impl.m_blSkippedSlice = false;   // the flush re-armed the filter
     impl.m_Ready.clear();
     impl.m_blDemuxEnd = false;
     impl.m_blFlushed = false;
@@ -591,7 +689,7 @@ public:
         SetFifoFormat(m_Fifo, codec, width, height, extra);
     }
     void Push(const SourcePacket& packet) override {
-        PushFifoBlock(m_Fifo, packet.data, packet.keyFrame, packet.ptsUs);
+        PushFifoBlock(m_Fifo, packet.data, packet.keyFrame, packet.ptsUs, packet.nalLengthSize);
     }
 
 private:
@@ -628,6 +726,7 @@ struct FifoPump::Impl {
     std::optional<SourcePacket> m_Pending;
     int64_t m_PendingDueUs = 0;
     bool m_blAhead = false;   // real time: packets are queued into the FIFO ahead of their time
+    bool m_blDeferring = false;   // this pump turned on the source's deferred conversion
 
     std::atomic<bool> m_blEnded{false};
     std::atomic<bool> m_blStop{false};
@@ -649,6 +748,16 @@ struct FifoPump::Impl {
 
     explicit Impl(MediaSource& source) : m_Source(source) {}
 
+    // The detector reads key frames; converting the other frames when they are pushed
+    // would be work for blocks that mostly fall out of the ring unread. The FIFO converts
+    // the few that a reader takes.
+    void DeferIntoFifo() {
+        if (m_pFifo != nullptr && !m_Source.GetDeferAnnexB()) {
+            m_Source.SetDeferAnnexB(true);
+            m_blDeferring = true;
+        }
+    }
+
     // Host-clock time at which a packet is due.
     int64_t DueOf(const SourcePacket& packet) {
         if (!m_blHaveFirst) {
@@ -664,7 +773,7 @@ struct FifoPump::Impl {
         // The blocks carry host-clock time: the FIFO's timestamps and the reader's clock
         // run on the same time line, virtual or real.
         if (m_blAhead) {
-            QueueFifoBlock(*m_pFifo, packet.data, packet.keyFrame, dueUs);
+            QueueFifoBlock(*m_pFifo, packet.data, packet.keyFrame, dueUs, packet.nalLengthSize);
         } else {
             SourcePacket out = packet;
             out.ptsUs = dueUs;
@@ -842,6 +951,7 @@ bool FifoPump::StartVirtual(std::string& error) {
     impl.m_EpochUs = GetClock().NowUs();
     impl.m_pSink->SetFormat(impl.m_Source.GetCodec(), impl.m_Source.GetWidth(),
                             impl.m_Source.GetHeight(), impl.m_Source.GetExtraData());
+    impl.DeferIntoFifo();
     Impl* p = &impl;
     SetFifoPuller(*impl.m_pFifo, [p] { p->Pull(); });
     return true;
@@ -862,6 +972,7 @@ bool FifoPump::StartRealTime(const RealTimeOptions& options, std::string& error)
     impl.m_EpochUs = GetClock().NowUs();
     impl.m_pSink->SetFormat(impl.m_Source.GetCodec(), impl.m_Source.GetWidth(),
                             impl.m_Source.GetHeight(), impl.m_Source.GetExtraData());
+    impl.DeferIntoFifo();
     try {
         impl.m_Thread = std::thread([&impl] { impl.RunRealTime(); });
     } catch (const std::system_error& e) {
@@ -889,6 +1000,11 @@ void FifoPump::Stop() {
         impl.m_Thread.join();
     }
     impl.m_blStop.store(true);
+    // Whoever reads the source next gets Annex B again, as before the pump.
+    if (impl.m_blDeferring) {
+        impl.m_Source.SetDeferAnnexB(false);
+        impl.m_blDeferring = false;
+    }
 }
 
 bool FifoPump::Ended() const { return m_pImpl->m_blEnded.load(); }

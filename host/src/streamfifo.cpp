@@ -2,6 +2,7 @@
 
 #include "twhost/streamfifo.h"
 
+#include "twhost/annexb.h"
 #include "twhost/clock.h"
 #include "twhost/frameobserver.h"
 
@@ -60,6 +61,7 @@ struct FifoEntry {
     bool key = false;
     int64_t ptsUs = 0;
     std::shared_ptr<const std::vector<unsigned char>> data;
+    int nalLengthSize = 0;   // non-zero: length-prefixed, converted when first taken
 };
 
 }  // namespace
@@ -146,6 +148,25 @@ struct StreamFifo::Impl {
         }
     }
 
+    // Caller holds m_Mutex. Turns a length-prefixed block into Annex B in place, so that
+    // the next reader of the same block shares the converted payload. False when its
+    // lengths do not fit.
+    bool ToAnnexB(FifoEntry& entry) {
+        if (entry.nalLengthSize == 0) {
+            return true;
+        }
+        auto converted = std::make_shared<std::vector<unsigned char>>();
+        if (!tw::host::LengthPrefixedToAnnexB(m_Codec, entry.data->data(), entry.data->size(),
+                                              entry.nalLengthSize, *converted)) {
+            ++m_Stats.blocksRefused;
+            return false;
+        }
+        entry.data = std::move(converted);
+        entry.nalLengthSize = 0;
+        ++m_Stats.blocksConverted;
+        return true;
+    }
+
     // Caller holds m_Mutex; observer receives what to tell once the lock is released.
     MediaBlock* HandOut(const FifoEntry& entry, std::shared_ptr<const tw::host::FrameObserver>& observer,
                         tw::host::HandedFrame& handed) {
@@ -189,10 +210,14 @@ MediaBlock* StreamFifo::GetLastBlock(int lastId) {
     {
         std::lock_guard<std::mutex> lock(m_pImpl->m_Mutex);
         m_pImpl->Release();
-        if (m_pImpl->m_Ring.empty() || m_pImpl->m_Ring.back().id == lastId) {
+        auto& ring = m_pImpl->m_Ring;
+        while (!ring.empty() && ring.back().id != lastId && !m_pImpl->ToAnnexB(ring.back())) {
+            ring.pop_back();
+        }
+        if (ring.empty() || ring.back().id == lastId) {
             return nullptr;
         }
-        block = m_pImpl->HandOut(m_pImpl->m_Ring.back(), observer, handed);
+        block = m_pImpl->HandOut(ring.back(), observer, handed);
     }
     Tell(observer, handed);
     return block;
@@ -207,6 +232,10 @@ MediaBlock* StreamFifo::GetLastITypeBlock(int lastId) {
         std::lock_guard<std::mutex> lock(m_pImpl->m_Mutex);
         m_pImpl->Release();
         if (!m_pImpl->m_LastKey || m_pImpl->m_LastKey->id == lastId) {
+            return nullptr;
+        }
+        if (!m_pImpl->ToAnnexB(*m_pImpl->m_LastKey)) {
+            m_pImpl->m_LastKey.reset();
             return nullptr;
         }
         block = m_pImpl->HandOut(*m_pImpl->m_LastKey, observer, handed);
@@ -250,7 +279,7 @@ void SetFifoFormat(StreamFifo& fifo, int codec, int width, int height,
 }
 
 int PushFifoBlock(StreamFifo& fifo, std::shared_ptr<const std::vector<unsigned char>> data,
-                  bool key, int64_t ptsUs) {
+                  bool key, int64_t ptsUs, int nalLengthSize) {
     StreamFifo::Impl& impl = *fifo.GetImpl();
     std::lock_guard<std::mutex> lock(impl.m_Mutex);
     // Blocks queued before this one and due by now come first, as they would have.
@@ -259,17 +288,19 @@ int PushFifoBlock(StreamFifo& fifo, std::shared_ptr<const std::vector<unsigned c
     entry.key = key;
     entry.ptsUs = ptsUs;
     entry.data = data ? std::move(data) : std::make_shared<const std::vector<unsigned char>>();
+    entry.nalLengthSize = nalLengthSize;
     return impl.Append(std::move(entry));
 }
 
 void QueueFifoBlock(StreamFifo& fifo, std::shared_ptr<const std::vector<unsigned char>> data, bool key,
-                    int64_t ptsUs) {
+                    int64_t ptsUs, int nalLengthSize) {
     StreamFifo::Impl& impl = *fifo.GetImpl();
     std::lock_guard<std::mutex> lock(impl.m_Mutex);
     FifoEntry entry;
     entry.key = key;
     entry.ptsUs = ptsUs;
     entry.data = data ? std::move(data) : std::make_shared<const std::vector<unsigned char>>();
+    entry.nalLengthSize = nalLengthSize;
     // Time stamps that go back (B-frames in presentation time) must not hold back the ones
     // behind them: a block is due no earlier than the one queued before it.
     if (!impl.m_Pending.empty() && entry.ptsUs < impl.m_Pending.back().ptsUs) {

@@ -13,13 +13,17 @@
 namespace tw::host {
 
 // One compressed video frame as the source delivers it. H.264 and HEVC are in Annex B form
-// and every key frame carries the parameter sets in-band.
+// and every key frame carries the parameter sets in-band; with deferred conversion
+// (MediaSource::SetDeferAnnexB) a non-key frame may come as the container stored it.
 struct SourcePacket {
     std::shared_ptr<const std::vector<unsigned char>> data;
     bool keyFrame = false;
     bool corrupt = false;        // the demuxer flagged it; it is delivered all the same
     int64_t ptsUs = 0;           // presentation time on the stream's own time line
     int64_t durationUs = 0;      // 0 when the container does not say
+    // 0: Annex B (or not H.264/HEVC). 1, 2 or 4: NAL units behind big-endian lengths of this
+    // size, to be turned into Annex B by LengthPrefixedToAnnexB (twhost/annexb.h).
+    int nalLengthSize = 0;
 };
 
 struct MediaSourceOptions {
@@ -67,6 +71,17 @@ public:
     int ReadPacket(SourcePacket& packet);
     const std::string& GetLastError() const;
 
+    // Off by default. On: non-key H.264 and HEVC packets of an MP4 or Matroska stream skip
+    // the conversion to Annex B and come with their NAL length size, for a consumer that
+    // converts only the few it hands on (the in-process FIFO, whose detector reads key
+    // frames). Key frames, streams already in Annex B and packets holding parameter sets or
+    // random-access pictures are converted as before, and so is a packet whose lengths do
+    // not fit (the converter refuses it and it is skipped). Callable at any time.
+    void SetDeferAnnexB(bool defer);
+    bool GetDeferAnnexB() const;
+    // NAL length size of a length-prefixed H.264/HEVC stream (1, 2 or 4), 0 otherwise.
+    int GetNalLengthSize() const;
+
     // Starts again from the beginning (files). False with error when the input cannot seek.
     bool Rewind(std::string& error);
 
@@ -105,6 +120,9 @@ public:
 //
 // A packet the demuxer marks as corrupt is pushed like any other: judging it is the
 // decoder's business. A read error ends the pump.
+//
+// A pump into a StreamFifo defers the Annex B conversion of non-key frames while it runs
+// (MediaSource::SetDeferAnnexB): the FIFO converts a block only when a reader takes it.
 //
 // The source and the sink (or FIFO) must outlive the pump.
 class FifoPump {
