@@ -380,7 +380,7 @@ void BM_Turn_H264_Scale(benchmark::State& state)
         benchmark::DoNotOptimize(decoder.pImage[0]);
     }
     state.SetLabel("1920x1080 yuv420p -> " + SizeLabel(kDetWidth, kDetHeight) +
-                   " RGB, planes box-reduced first");
+                   " RGB, block sums read from the picture");
 }
 BENCHMARK(BM_Turn_H264_Scale)->Unit(benchmark::kMicrosecond)->UseRealTime()->MeasureProcessCPUTime();
 

@@ -37,8 +37,8 @@ constexpr int kMaxBoxFactor = 16;
 
 // Per-thread scratch: a detector's thread scales one picture at a time.
 struct Scratch {
-    std::vector<uint16_t> columns;   // column sums of one band (general kernel)
-    std::vector<uint64_t> lanes;     // running vector sums of one band (vector kernels)
+    std::vector<uint16_t> columns;   // column sums of one row of blocks (general kernel)
+    std::vector<uint64_t> lanes;     // running vector sums of one row of blocks (vector kernels)
     std::vector<float> rowSums;      // one vertically averaged row (area step)
     std::vector<float> planes;       // the area-averaged planes at the target size
     std::vector<uint32_t> words;     // one row of pixels as 4-byte words before packing
@@ -70,8 +70,7 @@ unsigned CellSum(const uint8_t* pCell, int stride, int fx, int rows)
 }
 
 // Each kernel adds the sums of `rows` rows from pTop, fx bytes to a sum, into the outWidth
-// values at pOut: one row of blocks when rows is their height, a part of it when a band of
-// the picture ends inside the row.
+// values at pOut: one row of blocks.
 
 // Any factor: column sums of the rows, then sums of fx neighbouring columns.
 void AddRowsGeneral(const uint8_t* pTop, int stride, int rows, int fx, int outWidth,
@@ -160,8 +159,7 @@ __attribute__((target("avx2"))) void AddRowsAvx2(const uint8_t* pTop, int stride
     }
 }
 
-// And with 64-byte registers, where the CPU has them: a band fresh from the decoder sits in
-// the core's second-level cache, and wider loads take more of it per cycle.
+// And with 64-byte registers, where the CPU has them: fewer loads per byte again.
 __attribute__((target("avx512f,avx512bw"))) void AddRowsAvx512(const uint8_t* pTop, int stride,
                                                               int rows, int fx, int outWidth,
                                                               uint16_t* pOut)
@@ -433,30 +431,6 @@ bool BoxSumPlaneOf(const unsigned char* src, int srcStride, int fx, int fy, int 
             uint16_t* pOut = dst + ptrdiff_t(oy) * dstStride;
             std::fill(pOut, pOut + outWidth, uint16_t(0));
             add(src + ptrdiff_t(oy) * fy * srcStride, srcStride, fy, fx, outWidth, pOut);
-        }
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-    return true;
-}
-
-bool AddBoxRows(const uint8_t* src, int srcStride, int firstRow, int rows, int fx, int fy,
-                int outWidth, int outHeight, uint16_t* dst, int dstStride)
-{
-    if (fx < 1 || fx > kMaxBoxFactor || fy < 1 || fy > kMaxBoxFactor || outWidth < 1 ||
-        outHeight < 1 || firstRow < 0 || rows < 0 || src == nullptr || dst == nullptr) {
-        return false;
-    }
-    const AddRowsFn add = KernelFor(BoxKernel::Best, fx);
-    // Rows below the last whole row of blocks belong to no block.
-    const int end = std::min(firstRow + rows, outHeight * fy);
-    try {
-        for (int row = firstRow; row < end;) {
-            const int oy = row / fy;
-            const int stop = std::min(end, (oy + 1) * fy);
-            add(src + ptrdiff_t(row) * srcStride, srcStride, stop - row, fx, outWidth,
-                dst + ptrdiff_t(oy) * dstStride);
-            row = stop;
         }
     } catch (const std::bad_alloc&) {
         return false;

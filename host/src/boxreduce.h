@@ -9,13 +9,6 @@
 
 namespace tw::host {
 
-// Adds rows firstRow to firstRow + rows - 1 of one 8-bit plane (row 0 at src) into the sums
-// of the fx x fy blocks they belong to (dst: outHeight rows of outWidth sums, dstStride
-// apart, zeroed by the caller before the first band): a picture's sums gathered band by
-// band while the decoder hands the bands over. False when out of memory or out of range.
-bool AddBoxRows(const uint8_t* src, int srcStride, int firstRow, int rows, int fx, int fy,
-                int outWidth, int outHeight, uint16_t* dst, int dstStride);
-
 // One plane of block sums: each value the sum of fx x fy source bytes.
 struct PlaneSums {
     const uint16_t* data = nullptr;

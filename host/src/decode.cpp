@@ -19,7 +19,6 @@
 #include <malloc.h>
 
 #include <atomic>
-#include <mutex>
 #include <new>
 #include <vector>
 
@@ -393,8 +392,7 @@ AVPixelFormat PlainPixelFormat(AVPixelFormat format, bool& blFullRange)
 }
 
 std::atomic<bool> g_blExactDetectionDecode{false};
-std::atomic<bool> g_blDecodeBandSums{true};
-std::atomic<uint64_t> g_BandSumsUsed{0};
+
 
 // Only H.264 and HEVC have an in-loop deblocking filter that libavcodec lets us skip.
 bool HasLoopFilter(int codec)
@@ -571,236 +569,6 @@ void ColourOf(const AVFrame* pFrame, AVPixelFormat& plainFormat, int& colorspace
             : matrix;
 }
 
-// ---------------------------------------------------------------------------------------
-// Block sums gathered while the decoder works
-//
-// After a 1080p key frame the decoder has written 3 MB that no longer fit the core's own
-// caches, and reading them back costs more than everything else a turn adds to the decode.
-// The H.264 decoder can hand each band of rows over as soon as it is final
-// (draw_horiz_band): with the loop filter skipped, that is right after the band is decoded,
-// while its bytes are still in the cache. The band's rows are added into the block sums
-// there and then, and the scale finds the picture's sums ready. They are exactly the sums
-// the scale would have taken itself, so nothing changes but where the bytes are read.
-//
-// The sums are used only when everything matches: the picture the scale is asked for is
-// the one the bands came from (same planes, size and format), every row came exactly once,
-// the decoder reports no error concealment (which repaints a picture after its bands were
-// handed over), and the blocks are the ones the scale would use. Anything else takes the
-// ordinary path. The target size is not known to the decoder, so the sums are gathered for
-// the size the last scale asked for: from a detector's second turn on.
-
-struct BandSums {
-    std::mutex lock;   // slice threads hand bands over concurrently
-    // Set around one decode call by DoFFMpegDecode, under lock.
-    bool armed = false;
-    int targetWidth = 0;   // the size the last reduced scale asked for
-    int targetHeight = 0;
-    // The picture of this decode call, from its first band on.
-    bool started = false;
-    bool broken = false;
-    const uint8_t* data[3] = {nullptr, nullptr, nullptr};
-    int linesize[3] = {0, 0, 0};
-    int width = 0;
-    int height = 0;
-    int format = -1;
-    int fx = 1;
-    int fy = 1;
-    PlaneLayout layout;
-    int rowsSeen = 0;
-    std::vector<uint8_t> rowSeen;
-    std::vector<uint16_t> sums;
-    PlaneSums planes[3];
-};
-
-BandSums* BandSumsOf(const AVCodecContext* pCtx)
-{
-    return pCtx != nullptr && pCtx->draw_horiz_band != nullptr
-               ? static_cast<BandSums*>(pCtx->opaque)
-               : nullptr;
-}
-
-// Sets up the sums for the picture of the first band: the decoder's picture as it will be
-// handed out (width x height; the decoder's own frame may be taller by the rows that the
-// stream crops away at the bottom, which no band covers). Under lock. False when the
-// picture is not one the scale would reduce.
-bool StartBandSums(BandSums& b, const AVFrame* pSrc, int width, int height)
-{
-    if (width < 1 || height < 1 || width > pSrc->width || height > pSrc->height) {
-        return false;
-    }
-    ReduceFactors(width, height, pSrc->format, b.targetWidth, b.targetHeight, b.fx, b.fy,
-                  b.layout);
-    if (b.fx == 1 && b.fy == 1) {
-        return false;
-    }
-    int widths[3] = {width / b.fx, 0, 0};
-    int heights[3] = {height / b.fy, 0, 0};
-    for (int p = 1; p < b.layout.planes; ++p) {
-        widths[p] = AV_CEIL_RSHIFT(widths[0], b.layout.chromaShiftX);
-        heights[p] = AV_CEIL_RSHIFT(heights[0], b.layout.chromaShiftY);
-    }
-    size_t total = 0;
-    size_t offsets[3] = {0, 0, 0};
-    for (int p = 0; p < b.layout.planes; ++p) {
-        offsets[p] = total;
-        total += size_t(widths[p]) * size_t(heights[p]);
-    }
-    try {
-        b.sums.resize(total);
-        b.rowSeen.resize(size_t(height));
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-    memset(b.sums.data(), 0, total * sizeof(uint16_t));
-    memset(b.rowSeen.data(), 0, b.rowSeen.size());
-    for (int p = 0; p < 3; ++p) {
-        b.data[p] = p < b.layout.planes ? pSrc->data[p] : nullptr;
-        b.linesize[p] = p < b.layout.planes ? pSrc->linesize[p] : 0;
-        b.planes[p] = PlaneSums{};
-    }
-    for (int p = 0; p < b.layout.planes; ++p) {
-        b.planes[p].data = b.sums.data() + offsets[p];
-        b.planes[p].stride = widths[p];
-        b.planes[p].width = widths[p];
-        b.planes[p].height = heights[p];
-    }
-    b.width = width;
-    b.height = height;
-    b.format = pSrc->format;
-    b.rowsSeen = 0;
-    return true;
-}
-
-// Adds the rows y to y + height - 1 of pSrc. Under lock. False when the band does not fit
-// the picture the sums were started for.
-bool AddBand(BandSums& b, const AVFrame* pSrc, int y, int height)
-{
-    if (pSrc->data[0] != b.data[0] || pSrc->format != b.format || y < 0 || height < 1 ||
-        y + height > b.height) {
-        return false;
-    }
-    for (int r = y; r < y + height; ++r) {
-        if (b.rowSeen[size_t(r)]++ != 0) {
-            return false;   // a row handed over twice: not a picture we can trust
-        }
-    }
-    b.rowsSeen += height;
-    const int end = y + height;
-    for (int p = 0; p < b.layout.planes; ++p) {
-        const int shift = p == 0 ? 0 : b.layout.chromaShiftY;
-        const int unit = 1 << shift;
-        // A band must cover whole chroma rows, or end the picture.
-        if (y % unit != 0 || (end % unit != 0 && end != b.height)) {
-            return false;
-        }
-        const int first = y >> shift;
-        const int last = AV_CEIL_RSHIFT(end, shift);
-        const PlaneSums& plane = b.planes[p];
-        if (!AddBoxRows(pSrc->data[p], pSrc->linesize[p], first, last - first, b.fx, b.fy,
-                        plane.width, plane.height, const_cast<uint16_t*>(plane.data),
-                        plane.stride)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-void BandCallback(AVCodecContext* pCtx, const AVFrame* pSrc, int* /*offset*/, int y,
-                  int /*type*/, int height)
-{
-    BandSums* pBands = static_cast<BandSums*>(pCtx->opaque);
-    if (pBands == nullptr || pSrc == nullptr) {
-        return;
-    }
-    std::lock_guard<std::mutex> guard(pBands->lock);
-    if (!pBands->armed || pBands->broken) {
-        return;
-    }
-    if (!pBands->started) {
-        pBands->started = true;
-        if (!StartBandSums(*pBands, pSrc, pCtx->width, pCtx->height)) {
-            pBands->broken = true;
-            return;
-        }
-    }
-    if (!AddBand(*pBands, pSrc, y, height)) {
-        pBands->broken = true;
-    }
-}
-
-// Arms the sums for one decode call (armed) or ends it.
-void ArmBandSums(AVCodecContext* pCtx, bool armed)
-{
-    BandSums* pBands = BandSumsOf(pCtx);
-    if (pBands == nullptr) {
-        return;
-    }
-    std::lock_guard<std::mutex> guard(pBands->lock);
-    // Bands of a decode with the loop filter are handed over before the filter has run
-    // when slices are filtered after the fact, so only skipped-filter decodes gather sums.
-    pBands->armed = armed && pBands->targetWidth > 0 &&
-                    pCtx->skip_loop_filter >= AVDISCARD_ALL;
-    if (armed) {
-        pBands->started = false;
-        pBands->broken = false;
-    }
-}
-
-// The sums gathered for pFrame at factors fx x fy, or null. Records the target for the
-// next decode. Called on the decoding thread, after the decode call.
-const PlaneSums* BandSumsFor(AVCodecContext* pCtx, const AVFrame* pFrame, int fx, int fy,
-                             int targetWidth, int targetHeight)
-{
-    BandSums* pBands = BandSumsOf(pCtx);
-    if (pBands == nullptr) {
-        return nullptr;
-    }
-    std::lock_guard<std::mutex> guard(pBands->lock);
-    const bool sameTarget =
-        pBands->targetWidth == targetWidth && pBands->targetHeight == targetHeight;
-    pBands->targetWidth = targetWidth;
-    pBands->targetHeight = targetHeight;
-    if (!sameTarget || !pBands->started || pBands->broken || pBands->fx != fx ||
-        pBands->fy != fy || pFrame->width != pBands->width || pFrame->height != pBands->height ||
-        pFrame->format != pBands->format || pBands->rowsSeen != pBands->height ||
-        pFrame->decode_error_flags != 0 || (pFrame->flags & AV_FRAME_FLAG_CORRUPT) != 0) {
-        return nullptr;
-    }
-    for (int p = 0; p < pBands->layout.planes; ++p) {
-        if (pFrame->data[p] != pBands->data[p] || pFrame->linesize[p] != pBands->linesize[p]) {
-            return nullptr;
-        }
-    }
-    g_BandSumsUsed.fetch_add(1, std::memory_order_relaxed);
-    return pBands->planes;
-}
-
-// Gives an H.264 decoder its band sums; the decoder context owns them from then on and
-// FreeDecoder releases them. Without them (other codecs, out of memory, or turned off)
-// every scale reads its picture itself.
-void AttachBandSums(AVCodecContext* pCtx, int codec, int targetWidth, int targetHeight)
-{
-    if (pCtx == nullptr || codec != VIDEO_CODEC_H264 ||
-        !g_blDecodeBandSums.load(std::memory_order_relaxed)) {
-        return;
-    }
-    auto* pBands = new (std::nothrow) BandSums;
-    if (pBands == nullptr) {
-        return;
-    }
-    pBands->targetWidth = targetWidth;
-    pBands->targetHeight = targetHeight;
-    pCtx->opaque = pBands;
-    pCtx->draw_horiz_band = BandCallback;
-}
-
-void FreeDecoder(AVCodecContext*& pCtx)
-{
-    BandSums* pBands = BandSumsOf(pCtx);
-    avcodec_free_context(&pCtx);
-    delete pBands;
-}
-
 // The full path: libswscale converts and scales the whole picture.
 int ScaleWithSwscale(FFmpegAttr& attr, unsigned char* out, int width, int height, int flags)
 {
@@ -857,17 +625,13 @@ int ScaleWithSwscale(FFmpegAttr& attr, unsigned char* out, int width, int height
 }
 
 // The reduced path: block sums, then their area average converted to RGB.
-int ScaleReduced(AVCodecContext* pCtx, const AVFrame* pFrame, const PlaneLayout& layout,
-                 int fx, int fy, unsigned char* out, int width, int height)
+int ScaleReduced(const AVFrame* pFrame, const PlaneLayout& layout, int fx, int fy,
+                 unsigned char* out, int width, int height)
 {
-    const PlaneSums* planes = BandSumsFor(pCtx, pFrame, fx, fy, width, height);
-    if (planes == nullptr) {
-        if (!ReducePicture(pFrame, layout, fx, fy)) {
-            SetDecodeError("DoFFMpegScale: out of memory for the reduced %dx%d picture",
-                           pFrame->width / fx, pFrame->height / fy);
-            return -1;
-        }
-        planes = t_Reduced.planes;
+    if (!ReducePicture(pFrame, layout, fx, fy)) {
+        SetDecodeError("DoFFMpegScale: out of memory for the reduced %dx%d picture",
+                       pFrame->width / fx, pFrame->height / fy);
+        return -1;
     }
     AVPixelFormat plainFormat = AV_PIX_FMT_NONE;
     int colorspace = SWS_CS_DEFAULT;
@@ -877,7 +641,7 @@ int ScaleReduced(AVCodecContext* pCtx, const AVFrame* pFrame, const PlaneLayout&
     // chroma planes are not subsampled at all; the same here.
     const bool fullChroma =
         width % 2 != 0 || (layout.chromaShiftX == 0 && layout.chromaShiftY == 0);
-    if (!AreaToRgb(planes, layout.planes, fx * fy, fullChroma,
+    if (!AreaToRgb(t_Reduced.planes, layout.planes, fx * fy, fullChroma,
                    RgbMatrixOf(colorspace, blFullRange), out, width, height)) {
         SetDecodeError("DoFFMpegScale: out of memory scaling to %dx%d", width, height);
         return -1;
@@ -914,8 +678,7 @@ int ScalePicture(FFmpegAttr& attr, unsigned char*& out, int& outSize, int width,
         SetDecodeError("DoFFMpegScale: out of memory for %zu bytes", bytes);
         return -1;
     }
-    const int ret = fx > 1 || fy > 1
-                        ? ScaleReduced(attr.pCodecCtx, pFrame, layout, fx, fy, out, width, height)
+    const int ret = fx > 1 || fy > 1 ? ScaleReduced(pFrame, layout, fx, fy, out, width, height)
                                      : ScaleWithSwscale(attr, out, width, height, flags);
     if (ret != 0) {
         return ret;
@@ -952,16 +715,6 @@ int DoFFMpegScaleFull(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& 
                       int& height, int flags)
 {
     return ScalePicture(attr, out, outSize, width, height, flags, false);
-}
-
-void SetDecodeBandSums(bool enabled)
-{
-    g_blDecodeBandSums.store(enabled, std::memory_order_relaxed);
-}
-
-uint64_t DecodeBandSumsUsed()
-{
-    return g_BandSumsUsed.load(std::memory_order_relaxed);
 }
 
 void ScaleReduceFactors(int srcWidth, int srcHeight, int pixFormat, int dstWidth,
@@ -1035,7 +788,6 @@ int DoFFMpegInitVideo(FFmpegAttr& attr, int codec, const unsigned char* extra, i
     if (attr.pCodecCtx == nullptr) {
         return -1;
     }
-    tw::host::AttachBandSums(attr.pCodecCtx, codec, 0, 0);
     attr.pFrame = av_frame_alloc();
     attr.pPacket = av_packet_alloc();
     if (attr.pFrame == nullptr || attr.pPacket == nullptr) {
@@ -1066,14 +818,7 @@ int DoFFMpegResetContext(FFmpegAttr& attr)
     if (pFresh == nullptr) {
         return -1;
     }
-    int targetWidth = 0;
-    int targetHeight = 0;
-    if (const tw::host::BandSums* pOld = tw::host::BandSumsOf(attr.pCodecCtx)) {
-        targetWidth = pOld->targetWidth;
-        targetHeight = pOld->targetHeight;
-    }
-    tw::host::AttachBandSums(pFresh, attr.codec, targetWidth, targetHeight);
-    tw::host::FreeDecoder(attr.pCodecCtx);
+    avcodec_free_context(&attr.pCodecCtx);
     attr.pCodecCtx = pFresh;
     if (attr.pFrame == nullptr) {
         attr.pFrame = av_frame_alloc();
@@ -1122,7 +867,6 @@ int DoFFMpegDecode(FFmpegAttr& attr, const unsigned char* data, int size)
         return -1;
     }
     char szErr[AV_ERROR_MAX_STRING_SIZE];
-    tw::host::ArmBandSums(pCtx, true);
     int ret = avcodec_send_packet(pCtx, pPacket);
     if (ret == AVERROR(EAGAIN)) {
         // Pictures of an earlier frame are still waiting; they are older than this one.
@@ -1159,7 +903,6 @@ int DoFFMpegDecode(FFmpegAttr& attr, const unsigned char* data, int size)
         }
     }
     av_frame_free(&pScratch);
-    tw::host::ArmBandSums(pCtx, false);
 
     if (got <= 0 || attr.pFrame->width < 1 || attr.pFrame->height < 1) {
         av_frame_unref(attr.pFrame);
@@ -1177,7 +920,7 @@ int DoFFMpegScale(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& widt
 
 int DoFFMpegFree(FFmpegAttr& attr, unsigned char*& image)
 {
-    tw::host::FreeDecoder(attr.pCodecCtx);
+    avcodec_free_context(&attr.pCodecCtx);
     av_frame_free(&attr.pFrame);
     av_packet_free(&attr.pPacket);
     sws_freeContext(attr.pSwsCtx);

@@ -27,15 +27,6 @@ int SetExactDecode(FFmpegAttr& attr, bool exact);
 int DoFFMpegScaleFull(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& width,
                       int& height, int flags);
 
-// H.264 detection decoders (loop filter skipped) add each band of rows into the scale's
-// block sums as the decoder hands it over, while it is still in the cache, and DoFFMpegScale
-// uses those sums instead of reading the picture again when they are of the very picture it
-// scales, at the size the decoder's last scale asked for. The result is the same to the bit.
-// false turns this off for decoders opened from then on (tests compare the two ways).
-// Process-wide; default true. DecodeBandSumsUsed counts the scales that used band sums.
-void SetDecodeBandSums(bool enabled);
-uint64_t DecodeBandSumsUsed();
-
 // The integer box factors DoFFMpegScale reduces the planes of a srcWidth x srcHeight
 // picture in pixel format pixFormat (an AVPixelFormat) by before it scales to dstWidth x
 // dstHeight; 1 x 1 when it scales the full picture. For tests and benchmarks.
