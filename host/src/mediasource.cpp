@@ -126,15 +126,30 @@ bool IsParameterSet(int codec, const unsigned char* nal, size_t len) {
     return type == 32 || type == 33 || type == 34;
 }
 
+// Whether a sequence parameter set comes before the first slice of the frame: only one
+// there lets a decoder start at this frame. The walk ends at the first slice, so a key
+// frame of a few hundred kilobytes costs a look at its first bytes instead of a scan of all
+// of them; a parameter set behind a slice would come too late for it anyway.
 bool HasSequenceParameterSet(int codec, const std::vector<unsigned char>& data) {
-    bool found = false;
-    ForEachNal(data.data(), data.size(), [&](const unsigned char* nal, size_t len) {
-        if (len >= 1) {
-            const int type = codec == VIDEO_CODEC_H264 ? (nal[0] & 0x1f) : ((nal[0] >> 1) & 0x3f);
-            found = found || type == (codec == VIDEO_CODEC_H264 ? 7 : 33);
+    const unsigned char* p = data.data();
+    const size_t n = data.size();
+    for (size_t i = 0; i + 3 < n; ++i) {
+        if (p[i] != 0 || p[i + 1] != 0 || p[i + 2] != 1) {
+            continue;
         }
-    });
-    return found;
+        const unsigned char header = p[i + 3];
+        if (codec == VIDEO_CODEC_H264) {
+            const int type = header & 0x1f;
+            if (type == 7) return true;
+            if (type >= 1 && type <= 5) return false;
+        } else {
+            const int type = (header >> 1) & 0x3f;
+            if (type == 33) return true;
+            if (type <= 31) return false;
+        }
+        i += 2;
+    }
+    return false;
 }
 
 std::vector<unsigned char> ParameterSetsOf(int codec, const std::vector<unsigned char>& data) {
