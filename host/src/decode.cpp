@@ -24,7 +24,6 @@
 
 #include <jerror.h>
 
-
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/error.h>
@@ -393,7 +392,6 @@ AVPixelFormat PlainPixelFormat(AVPixelFormat format, bool& blFullRange)
 
 std::atomic<bool> g_blExactDetectionDecode{false};
 
-
 // Only H.264 and HEVC have an in-loop deblocking filter that libavcodec lets us skip.
 bool HasLoopFilter(int codec)
 {
@@ -412,9 +410,9 @@ AVDiscard DetectionLoopFilter(int codec)
 //
 // The detector wants a picture of about 120 pixels across from one of up to 4K. Converting
 // every source pixel to RGB and then averaging it away costs more than the rest of a turn.
-// The planes are first summed in whole blocks, each by the same integer factors, to about
-// twice the target (boxreduce.cpp); the area average of those sums at the target size is
-// then converted to RGB with libswscale's coefficients. An area average of whole blocks is
+// The planes are first summed in whole blocks, each by the same integer factors, to the
+// target's size or about twice it (boxreduce.cpp); the area average of those sums at the
+// target size is then converted to RGB with libswscale's coefficients. An area average of whole blocks is
 // exactly what area averaging does on those blocks, so the result differs from libswscale's
 // full-picture path by rounding. Pictures too small to reduce, the formats the sums do not
 // cover, and callers that ask for another libswscale filter keep the full path.
