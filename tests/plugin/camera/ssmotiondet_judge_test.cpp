@@ -2,6 +2,7 @@
 // learning and the grey/blur steps of decoding.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
 #include <numeric>
 
@@ -270,6 +271,38 @@ TEST_F(Judge, BlurKeepsTwoPixelBorderAndAveragesTheInner13x13) {
             for (int dy = -2; dy <= 2; ++dy)
                 for (int dx = -2; dx <= 2; ++dx) sum += source[(y + dy) * 17 + x + dx];
             EXPECT_EQ(image[y * 17 + x], sum / 25) << x << "," << y;
+        }
+    }
+}
+
+// The same 5 x 5 mean worked out pixel by pixel, on the detector's sizes and on the edge
+// cases of the sliding sums: pictures of 5 lines or columns (one blurred line), narrower or
+// lower than 5 (left as they are), and extremes of the bytes.
+TEST_F(Judge, BlurIsTheFiveByFiveMeanOnEverySize) {
+    const int sizes[][2] = {{120, 67}, {120, 90}, {162, 121}, {5, 5}, {5, 9}, {9, 5}, {4, 9}, {9, 4}, {1, 1}, {6, 7}};
+    uint32_t state = 12345u;
+    for (const auto& size : sizes) {
+        const int w = size[0];
+        const int h = size[1];
+        std::vector<unsigned char> image(static_cast<size_t>(w) * h);
+        for (auto& byte : image) {
+            state = state * 1103515245u + 12345u;
+            const unsigned pick = (state >> 16) % 8u;
+            byte = pick == 0 ? 0 : pick == 1 ? 255 : static_cast<unsigned char>(state >> 8);
+        }
+        const std::vector<unsigned char> source = image;
+        Det().BlurImage(image.data(), w, h);
+        for (int y = 0; y < h; ++y) {
+            for (int x = 0; x < w; ++x) {
+                unsigned char expected = source[y * w + x];
+                if (y >= 2 && y < h - 2 && x >= 2 && x < w - 2) {
+                    int sum = 0;
+                    for (int dy = -2; dy <= 2; ++dy)
+                        for (int dx = -2; dx <= 2; ++dx) sum += source[(y + dy) * w + x + dx];
+                    expected = static_cast<unsigned char>(sum / 25);
+                }
+                ASSERT_EQ(image[y * w + x], expected) << w << "x" << h << " at " << x << "," << y;
+            }
         }
     }
 }
