@@ -449,36 +449,26 @@ int TWMotionDet::DecImageByFFMpeg(FRAME_DEC_ATTR& attr) {
 }
 
 void TWMotionDet::BlurImage(unsigned char* image, int width, int height) {
-    // 5 x 5 box mean; the two outermost rows and columns keep their values, so a picture
-    // narrower or lower than 5 is left as it is.
-    if (width < 5 || height < 5) return;
-    const size_t pixels = static_cast<size_t>(width) * height;
-    // The source copy, and the sums of each column over the five rows around the current one.
-    const size_t columnsAt = (pixels + 7) & ~static_cast<size_t>(7);   // aligned for the sums
-    unsigned char* src = static_cast<unsigned char*>(malloc(columnsAt + sizeof(uint16_t) * width));
+    unsigned char* src = static_cast<unsigned char*>(malloc(static_cast<size_t>(width) * height));
     if (src == nullptr) {
         TWLOG(3, "Error: Out of memory. Don't do blur.\n");
         return;
     }
-    memcpy(src, image, pixels);
-    uint16_t* column = reinterpret_cast<uint16_t*>(src + columnsAt);
-    for (int x = 0; x < width; ++x) {
-        column[x] = static_cast<uint16_t>(src[x] + src[width + x] + src[2 * width + x] + src[3 * width + x] +
-                                          src[4 * width + x]);
-    }
-    // Each row slides the column sums down one row, then the sum of five columns along it.
+    memcpy(src, image, static_cast<size_t>(width) * height);
+    // 5 x 5 box mean; the sum slides along the row, one column out and one in per pixel.
+    // The two outermost rows and columns keep their values.
+    auto column = [src, width](int x, int y) {
+        const unsigned char* p = src + (y - 2) * width + x;
+        return p[0] + p[width] + p[2 * width] + p[3 * width] + p[4 * width];
+    };
     for (int y = 2; y < height - 2; ++y) {
-        if (y > 2) {
-            const unsigned char* pIn = src + static_cast<size_t>(y + 2) * width;
-            const unsigned char* pOut = src + static_cast<size_t>(y - 3) * width;
-            for (int x = 0; x < width; ++x) column[x] = static_cast<uint16_t>(column[x] + pIn[x] - pOut[x]);
-        }
-        unsigned char* row = image + static_cast<size_t>(y) * width;
-        int sum = column[0] + column[1] + column[2] + column[3] + column[4];
-        row[2] = static_cast<unsigned char>(sum / 25);
+        if (width < 5) break;
+        int sum = 0;
+        for (int x = 0; x < 5; ++x) sum += column(x, y);
+        image[y * width + 2] = static_cast<unsigned char>(sum / 25);
         for (int x = 3; x < width - 2; ++x) {
-            sum += column[x + 2] - column[x - 3];
-            row[x] = static_cast<unsigned char>(sum / 25);
+            sum += column(x + 2, y) - column(x - 3, y);
+            image[y * width + x] = static_cast<unsigned char>(sum / 25);
         }
     }
     free(src);
