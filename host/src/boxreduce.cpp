@@ -32,9 +32,6 @@ extern "C" {
 namespace tw::host {
 namespace {
 
-// Sums of up to 16 x 16 bytes still fit 16 bits.
-constexpr int kMaxBoxFactor = 16;
-
 // Per-thread scratch: a detector's thread scales one picture at a time.
 struct Scratch {
     std::vector<uint16_t> columns;   // column sums of one row of blocks (general kernel)

@@ -9,6 +9,9 @@
 
 namespace tw::host {
 
+// The largest block edge: sums of up to 16 x 16 bytes still fit 16 bits.
+constexpr int kMaxBoxFactor = 16;
+
 // One plane of block sums: each value the sum of fx x fy source bytes.
 struct PlaneSums {
     const uint16_t* data = nullptr;

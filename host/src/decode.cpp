@@ -417,9 +417,6 @@ AVDiscard DetectionLoopFilter(int codec)
 // full-picture path by rounding. Pictures too small to reduce, the formats the sums do not
 // cover, and callers that ask for another libswscale filter keep the full path.
 
-// Sums of up to 16 x 16 bytes still fit 16 bits.
-constexpr int kMaxReduceFactor = 16;
-
 struct PlaneLayout {
     int planes = 0;         // 1 (grey) or 3 (Y, U, V)
     int chromaShiftX = 0;   // log2 of the chroma subsampling
@@ -465,8 +462,8 @@ bool ReducibleLayout(int format, PlaneLayout& layout)
 // every plane; 1 when there is none.
 int WholeBlockFactor(int edge, int limit, int chromaShift)
 {
-    if (limit > kMaxReduceFactor) {
-        limit = kMaxReduceFactor;
+    if (limit > kMaxBoxFactor) {
+        limit = kMaxBoxFactor;
     }
     for (int f = limit; f >= 2; --f) {
         if (edge % (f << chromaShift) == 0) {
@@ -485,7 +482,7 @@ int EdgeFactor(int edge, int target, int chromaShift)
 {
     if (edge % target == 0) {
         const int exact = edge / target;
-        if (exact >= 2 && exact <= kMaxReduceFactor && edge % (exact << chromaShift) == 0) {
+        if (exact >= 2 && exact <= kMaxBoxFactor && edge % (exact << chromaShift) == 0) {
             return exact;
         }
     }

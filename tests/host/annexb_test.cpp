@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <ostream>
 #include <utility>
@@ -27,6 +26,8 @@ extern "C" {
 #include "twhost/clock.h"
 #include "twhost/mediasource.h"
 #include "twhost/streamfifo.h"
+
+#include "support/childprocess.h"
 
 namespace {
 
@@ -336,15 +337,9 @@ class ClipFileTest : public ::testing::Test {
 protected:
     void SetUp() override {
         av_log_set_level(AV_LOG_FATAL);
-        char pattern[] = "/tmp/tw_annexb_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        m_strDir = pattern;
+        ASSERT_TRUE(m_Dir.Ok());
     }
-    void TearDown() override {
-        tw::host::SetClock(nullptr);
-        std::error_code ec;
-        std::filesystem::remove_all(m_strDir, ec);
-    }
+    void TearDown() override { tw::host::SetClock(nullptr); }
 
     std::string WriteClip(int codec, const std::string& name, int bFrames) {
         ClipSpec clipSpec;
@@ -356,7 +351,7 @@ protected:
         clipSpec.gop = 12;
         clipSpec.bFrames = bFrames;
         clipSpec.motion = {{0.2, 1.6}};
-        const std::string path = m_strDir + "/" + name;
+        const std::string path = m_Dir.File(name);
         std::string error;
         EXPECT_TRUE(tw::host::WriteClip(clipSpec, path, error)) << error;
         return path;
@@ -377,7 +372,7 @@ protected:
         return packets;
     }
 
-    std::string m_strDir;
+    tw::test::ScopedTempDir m_Dir;
 };
 
 class DeferredSourceTest : public ClipFileTest, public ::testing::WithParamInterface<ClipCase> {};
@@ -545,7 +540,7 @@ void RemuxWithOddKeyFrames(const std::string& from, const std::string& to,
 
 TEST_F(ClipFileTest, KeyFramesAfterDeferredPacketsGetTheirParameterSetsWhereTheFilterPutsThem) {
     const std::string mp4 = WriteClip(VIDEO_CODEC_H264, "clip.mp4", 0);
-    const std::string path = m_strDir + "/odd.mkv";
+    const std::string path = m_Dir.File("odd.mkv");
     const Bytes idrNotFirstSlice = {0x65, 0x40, 0x11};   // first_mb_in_slice != 0
     const Bytes idrFirstSlice = {0x65, 0x88, 0x11};
     const Bytes sps = {0x67, 0x42, 0xc0, 0x1e, 0xab, 0xcd};
@@ -587,6 +582,33 @@ TEST_F(ClipFileTest, KeyFramesAfterDeferredPacketsGetTheirParameterSetsWhereTheF
     const Bytes key4 = *reference[keyIndex[4]].data;
     EXPECT_NE(std::search(key3.begin(), key3.end(), sps.begin(), sps.end()), key3.end());
     EXPECT_EQ(std::search(key4.begin(), key4.end(), sps.begin(), sps.end()), key4.end());
+}
+
+// A key frame whose parameter sets come only behind its slice cannot be decoded from its
+// start: the source puts the stream's parameter sets in front and keeps the late ones.
+TEST_F(ClipFileTest, KeyFrameWithParameterSetsBehindItsSliceGetsTheStreamsInFront) {
+    const std::string mp4 = WriteClip(VIDEO_CODEC_H264, "clip.mp4", 0);
+    const std::string path = m_Dir.File("late.mkv");
+    const Bytes idrFirstSlice = {0x65, 0x88, 0x11};
+    const Bytes sps = {0x67, 0x42, 0xc0, 0x1e, 0xab, 0xcd};
+    const Bytes pps = {0x68, 0xce, 0x3c};
+    // Key 3 brings its own parameter sets, so the filter inserts none before key 4.
+    RemuxWithOddKeyFrames(mp4, path, {{3, {sps, pps, idrFirstSlice}}, {4, {idrFirstSlice, sps, pps}}});
+    for (const bool defer : {false, true}) {
+        SCOPED_TRACE(defer ? "deferred" : "not deferred");
+        const std::vector<SourcePacket> packets = ReadAll(path, defer);
+        std::vector<const SourcePacket*> keys;
+        for (const SourcePacket& packet : packets) {
+            if (packet.keyFrame) keys.push_back(&packet);
+        }
+        ASSERT_EQ(keys.size(), 5u);
+        const Bytes key4 = *keys[4]->data;
+        EXPECT_EQ(H264NalTypes(key4), (std::vector<int>{7, 8, 5, 7, 8}));
+        // In front: the stream's own, not the made-up ones that follow the slice.
+        const auto late = std::search(key4.begin(), key4.end(), sps.begin(), sps.end());
+        ASSERT_NE(late, key4.end());
+        EXPECT_GT(late - key4.begin(), 8);
+    }
 }
 
 TEST_F(ClipFileTest, TransportStreamIsNotAffected) {

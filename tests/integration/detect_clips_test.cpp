@@ -34,32 +34,7 @@ using tw::test::ChildResult;
 using tw::test::DetectJson;
 using tw::test::DetectStatus;
 
-struct ClipCase {
-    const char* name;
-    int codec;
-    const char* ext;
-    int width;
-    int height;
-    int bFrames;
-};
-
-std::ostream& operator<<(std::ostream& os, const ClipCase& c) { return os << c.name; }
-
-// Short and small, so the suite stays quick, yet long enough for two movements with a still
-// stretch between them that outlasts the background's settling. A key frame every 6 frames
-// gives the detector a fresh picture at nearly every 300 ms turn.
-tw::host::ClipSpec ClipFor(const ClipCase& c) {
-    tw::host::ClipSpec clip;
-    clip.width = c.width;
-    clip.height = c.height;
-    clip.fps = 25;
-    clip.codec = c.codec;
-    clip.gop = 6;
-    clip.bFrames = c.bFrames;
-    clip.durationSec = 19.0;
-    clip.motion = {{3.0, 5.0}, {10.5, 12.5}};
-    return clip;
-}
+using ClipCase = tw::test::DetectClipCase;
 
 constexpr int64_t kPeriodUs = 300000;
 // Real seconds after which a run that never ends is abandoned; a guard, not a measurement.
@@ -151,7 +126,7 @@ protected:
         // The encoders' statistics are not the test's output.
         av_log_set_level(AV_LOG_ERROR);
         ASSERT_TRUE(m_Dir.Ok());
-        m_Clip = ClipFor(GetParam());
+        m_Clip = tw::test::DetectClipSpec(GetParam());
         m_strClip = m_Dir.File(std::string("clip.") + GetParam().ext);
         std::string error;
         ASSERT_TRUE(tw::host::WriteClip(m_Clip, m_strClip, error)) << error;

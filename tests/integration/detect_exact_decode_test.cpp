@@ -24,16 +24,7 @@ namespace {
 using tw::test::ChildResult;
 using tw::test::DetectJson;
 
-struct ClipCase {
-    const char* name;
-    int codec;
-    const char* ext;
-    int width;
-    int height;
-    int bFrames;
-};
-
-std::ostream& operator<<(std::ostream& os, const ClipCase& c) { return os << c.name; }
+using ClipCase = tw::test::DetectClipCase;
 
 DetectJson Detect(const std::string& path, bool exact) {
     std::vector<std::string> args = {TW_TWHOST_BIN, "detect", path, "--json"};
@@ -54,15 +45,7 @@ TEST_P(ExactDecode, SameIntervalsAndTurnsAsExactDecoding) {
     tw::test::ScopedTempDir dir;
     ASSERT_TRUE(dir.Ok());
     // The clips of the detection tests: two movements with a still stretch between them.
-    tw::host::ClipSpec clip;
-    clip.width = c.width;
-    clip.height = c.height;
-    clip.fps = 25;
-    clip.codec = c.codec;
-    clip.gop = 6;
-    clip.bFrames = c.bFrames;
-    clip.durationSec = 19.0;
-    clip.motion = {{3.0, 5.0}, {10.5, 12.5}};
+    const tw::host::ClipSpec clip = tw::test::DetectClipSpec(c);
     const std::string path = dir.File(std::string("clip.") + c.ext);
     std::string error;
     ASSERT_TRUE(tw::host::WriteClip(clip, path, error)) << error;

@@ -95,6 +95,18 @@ int EnvCount(const char* name, int fallback) {
 }
 
 int Cycles() { return EnvCount("TW_SOAK_CYCLES", 100); }
+
+// The motion detectors' clip: small, a key frame every third frame and movement all
+// through, so every turn has a fresh picture to judge and finds motion in it.
+tw::host::ClipSpec SoakClipSpec() {
+    tw::host::ClipSpec clipSpec;
+    clipSpec.width = 320;
+    clipSpec.height = 180;
+    clipSpec.gop = 3;
+    clipSpec.durationSec = 0.4;
+    clipSpec.motion = {{0.0, 10.0}};
+    return clipSpec;
+}
 int LiveCamCycles() { return EnvCount("TW_SOAK_LIVECAM_CYCLES", 20); }
 
 int CountEntries(const char* dir) {
@@ -196,12 +208,7 @@ TEST(WorkersSoak, MotionDetectorStartStopOnAClip) {
     auto clock = std::make_shared<tw::host::ManualClock>(0, true);
     tw::host::SetClock(clock);
 
-    tw::host::ClipSpec clipSpec;
-    clipSpec.width = 320;
-    clipSpec.height = 180;
-    clipSpec.gop = 3;
-    clipSpec.durationSec = 0.4;
-    clipSpec.motion = {{0.0, 10.0}};
+    const tw::host::ClipSpec clipSpec = SoakClipSpec();
     tw::host::EncodedClip clip;
     std::string error;
     ASSERT_TRUE(tw::host::EncodeClip(clipSpec, clip, error)) << error;
@@ -757,12 +764,7 @@ TEST(WorkersSoak, AllWorkersAtOnce) {
     const Clock::time_point begun = Clock::now();
     {
         // Motion detectors: one clip, a FIFO and a camera of its own for each.
-        tw::host::ClipSpec clipSpec;
-        clipSpec.width = 320;
-        clipSpec.height = 180;
-        clipSpec.gop = 3;
-        clipSpec.durationSec = 0.4;
-        clipSpec.motion = {{0.0, 10.0}};
+        const tw::host::ClipSpec clipSpec = SoakClipSpec();
         tw::host::EncodedClip clip;
         std::string error;
         ASSERT_TRUE(tw::host::EncodeClip(clipSpec, clip, error)) << error;

@@ -160,4 +160,17 @@ std::string JoinProblems(const std::vector<std::string>& problems) {
     return text;
 }
 
+tw::host::ClipSpec DetectClipSpec(const DetectClipCase& c) {
+    tw::host::ClipSpec clip;
+    clip.width = c.width;
+    clip.height = c.height;
+    clip.fps = 25;
+    clip.codec = c.codec;
+    clip.gop = 6;
+    clip.bFrames = c.bFrames;
+    clip.durationSec = 19.0;
+    clip.motion = {{3.0, 5.0}, {10.5, 12.5}};
+    return clip;
+}
+
 }  // namespace tw::test

@@ -10,6 +10,9 @@
 
 #include <json/json.h>
 
+#include <ostream>
+
+#include "twhost/clipmaker.h"
 #include "twhost/eventlog.h"
 
 namespace tw::test {
@@ -59,5 +62,23 @@ std::string DescribeStatuses(const std::vector<DetectStatus>& statuses);
 
 // Joined problems for a failure message.
 std::string JoinProblems(const std::vector<std::string>& problems);
+
+// A clip of the detection tests, by codec, container and size.
+struct DetectClipCase {
+    const char* name;
+    int codec;        // VIDEO_CODEC_TYPE
+    const char* ext;  // the container, by file extension
+    int width;
+    int height;
+    int bFrames;
+};
+
+inline std::ostream& operator<<(std::ostream& os, const DetectClipCase& c) { return os << c.name; }
+
+// Short and small, so the suites stay quick, yet long enough for two movements (3-5 s and
+// 10.5-12.5 s of 19 s) with a still stretch between them that outlasts the background's
+// settling. A key frame every 6 frames gives the detector a fresh picture at nearly every
+// 300 ms turn.
+tw::host::ClipSpec DetectClipSpec(const DetectClipCase& c);
 
 }  // namespace tw::test
