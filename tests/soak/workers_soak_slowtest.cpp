@@ -96,6 +96,17 @@ int EnvCount(const char* name, int fallback) {
 
 int Cycles() { return EnvCount("TW_SOAK_CYCLES", 100); }
 
+// Outputs 0 to 3 held for 5 s and audio pattern patternId played 3 times: work that is still
+// in flight when the cycle's Terminate comes.
+void StartHeldOutputsAndPattern(IOActExecutor& exec, int patternId) {
+    std::map<int, IOActExecCond> outputs;
+    for (int port = 0; port < 4; ++port) outputs[port] = IOActExecCond{false, 0, 0, 5, 0};
+    std::map<int, IOActExecCond> audio;
+    audio[IOACT_TYPE_AUDIO_OUT] = IOActExecCond{false, patternId, 3, 1, 0};
+    exec.DoAction(IOACT_FLAG_DO_TRIGGER, {}, outputs, false);
+    exec.DoAction(IOACT_FLAG_AUDIO_OUT, audio, {}, false);
+}
+
 // The motion detectors' clip: small, a key frame every third frame and movement all
 // through, so every turn has a fresh picture to judge and finds motion in it.
 tw::host::ClipSpec SoakClipSpec() {
@@ -351,14 +362,7 @@ TEST(WorkersSoak, ExecutorInitTerminateWithRequestsInFlight) {
                 // A request made before the worker first waits does not wake it: the worker
                 // waits its full second first. So only one cycle in ten waits for the work.
                 const bool waitForWork = done % 10 == 1;
-                // Outputs held for 5 s and an audio pattern played 3 times: all still in
-                // flight when Terminate comes.
-                std::map<int, IOActExecCond> outputs;
-                for (int port = 0; port < 4; ++port) outputs[port] = IOActExecCond{false, 0, 0, 5, 0};
-                std::map<int, IOActExecCond> audio;
-                audio[IOACT_TYPE_AUDIO_OUT] = IOActExecCond{false, patternId, 3, 1, 0};
-                exec.DoAction(IOACT_FLAG_DO_TRIGGER, {}, outputs, false);
-                exec.DoAction(IOACT_FLAG_AUDIO_OUT, audio, {}, false);
+                StartHeldOutputsAndPattern(exec, patternId);
                 if (waitForWork) {
                     // The worker has switched the outputs on and reports them active.
                     ASSERT_TRUE(WaitUntil([&] {
@@ -898,12 +902,7 @@ TEST(WorkersSoak, AllWorkersAtOnce) {
                         const std::string at = "module " + std::to_string(moduleId) + " cycle " + std::to_string(done);
                         if (exec.Init(moduleId, 4, nullptr, &status) != 0)
                             return ::testing::AssertionFailure() << at << ": Init failed";
-                        std::map<int, IOActExecCond> outputs;
-                        for (int port = 0; port < 4; ++port) outputs[port] = IOActExecCond{false, 0, 0, 5, 0};
-                        std::map<int, IOActExecCond> audio;
-                        audio[IOACT_TYPE_AUDIO_OUT] = IOActExecCond{false, patternId, 3, 1, 0};
-                        exec.DoAction(IOACT_FLAG_DO_TRIGGER, {}, outputs, false);
-                        exec.DoAction(IOACT_FLAG_AUDIO_OUT, audio, {}, false);
+                        StartHeldOutputsAndPattern(exec, patternId);
                         if (done % 10 == 1 && !WaitUntil([&] {
                                 std::map<int, int> act, outs;
                                 exec.GetStatus(act, outs);
