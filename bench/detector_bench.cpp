@@ -170,16 +170,6 @@ std::string KiB(const std::vector<unsigned char>& data)
     return std::to_string((data.size() + 512) / 1024) + " KiB";
 }
 
-// The detector's grey conversion: pixel i's three bytes (a, b, c) become byte i, in place.
-// TWMotionDet does this inside DecImageByFFMpeg and does not expose it, so this is the
-// same arithmetic, timed on its own.
-void GreyInPlace(unsigned char* image, int pixels)
-{
-    for (int i = 0; i < pixels; ++i) {
-        const unsigned char* p = image + 3 * i;
-        image[i] = static_cast<unsigned char>((p[0] + 2 * p[1] + p[2]) >> 2);
-    }
-}
 
 // A host decoder with SHOW_ALL set, as the detection loop opens it.
 struct H264Decoder {
@@ -225,7 +215,7 @@ const std::vector<unsigned char>& GreyPicture(int index)
         for (int i = 0; i < 2; ++i) {
             decoder.Decode(Inputs::Get().h264[kPainted].frames[i]);
             std::vector<unsigned char> rgb = decoder.ScaledRgb();
-            GreyInPlace(rgb.data(), kDetWidth * kDetHeight);
+            TWMotionDet::GreyInPlace(rgb.data(), kDetWidth * kDetHeight);
             rgb.resize(size_t(kDetWidth) * kDetHeight);
             out.push_back(rgb);
         }
@@ -410,7 +400,7 @@ void BM_Turn_Grey120x67(benchmark::State& state)
     std::vector<unsigned char> work(rgb.size());
     for (auto _ : state) {
         memcpy(work.data(), rgb.data(), rgb.size());
-        GreyInPlace(work.data(), kDetWidth * kDetHeight);
+        TWMotionDet::GreyInPlace(work.data(), kDetWidth * kDetHeight);
         benchmark::DoNotOptimize(work.data());
         benchmark::ClobberMemory();
     }

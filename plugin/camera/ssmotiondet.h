@@ -52,6 +52,7 @@ public:
     bool IsDetected(FRAME_DEC_ATTR& attr, int& result);
     int DecImageByJpeg(FRAME_DEC_ATTR& attr);
     int DecImageByFFMpeg(FRAME_DEC_ATTR& attr);
+    static void GreyInPlace(unsigned char* image, int pixels);
     void BlurImage(unsigned char* image, int width, int height);
     int SetDetBlocks(int width, int height);
     // 1 for motion, 2 for none (also for bad arguments).

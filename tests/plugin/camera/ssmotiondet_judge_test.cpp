@@ -2,7 +2,10 @@
 // learning and the grey/blur steps of decoding.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <numeric>
 
@@ -304,6 +307,101 @@ TEST_F(Judge, BlurIsTheFiveByFiveMeanOnEverySize) {
                 ASSERT_EQ(image[y * w + x], expected) << w << "x" << h << " at " << x << "," << y;
             }
         }
+    }
+}
+
+// The background step for every difference a pixel can have: a tenth of it in single
+// precision, rounded away from zero.
+TEST_F(Judge, EveryDifferenceMovesTheBackgroundByItsRoundedTenth) {
+    Configure(100, 100, 73, 7, kAll);   // 511 pixels: d = -255 .. 255
+    PassLearning();
+    unsigned char* bg = A::Background(Det());
+    std::vector<unsigned char> cur(511);
+    for (int d = -255; d <= 255; ++d) {
+        const int p = d + 255;
+        // Anywhere in range, not always from 0 or 255.
+        const int low = d < 0 ? -d : 0;
+        const int high = d < 0 ? 255 : 255 - d;
+        bg[p] = static_cast<unsigned char>(low + (p * 37) % (high - low + 1));
+        cur[p] = static_cast<unsigned char>(bg[p] + d);
+    }
+    const std::vector<unsigned char> before(bg, bg + 511);
+    int result = -1;
+    Det().DetMotion(cur.data(), cur.data(), result);
+    for (int d = -255; d <= 255; ++d) {
+        const int p = d + 255;
+        const float tenth = static_cast<float>(d * 0.1);
+        const int step = static_cast<int>(tenth > 0 ? std::ceil(tenth) : std::floor(tenth));
+        ASSERT_EQ(bg[p], before[p] + step) << "d = " << d;
+    }
+}
+
+// The judgement over a whole picture, a part of it watched, against the pixel-by-pixel rule
+// worked out here, for thresholds from none to more than any difference.
+TEST_F(Judge, WholePictureJudgementFollowsThePixelRule) {
+    std::string region(TW_DET_REGION_CELLS, '0');
+    for (int i = 0; i < TW_DET_REGION_CELLS; ++i) {
+        if ((i * 7 + i / 40) % 3 != 0) region[i] = '1';
+    }
+    const int w = 120;
+    const int h = 67;
+    uint32_t state = 2024u;
+    auto next = [&state] {
+        state = state * 1103515245u + 12345u;
+        return state >> 8;
+    };
+    for (const int sensitivity : {0, 37, 80, 99, 100, 150, 255}) {
+        Configure(sensitivity, 10, w, h, region);
+        PassLearning();
+        unsigned char* bg = A::Background(Det());
+        const unsigned char* mask = A::Mask(Det());
+        std::vector<unsigned char> cur(static_cast<size_t>(w) * h);
+        for (size_t p = 0; p < cur.size(); ++p) {
+            bg[p] = static_cast<unsigned char>(next());
+            // Mostly small differences, some large: every branch of the rule is taken.
+            const int d = next() % 4 == 0 ? static_cast<int>(next() % 511) - 255 : static_cast<int>(next() % 21) - 10;
+            cur[p] = static_cast<unsigned char>(std::min(255, std::max(0, bg[p] + d)));
+        }
+        std::vector<unsigned char> expectedBg(bg, bg + cur.size());
+        const int diffThresh = (100 - sensitivity) * 2;
+        int checked = 0;
+        int changed = 0;
+        for (size_t p = 0; p < cur.size(); ++p) {
+            if (mask[p] != '1') continue;
+            const int d = cur[p] - expectedBg[p];
+            ++checked;
+            if (std::abs(d) > diffThresh) ++changed;
+            const float tenth = static_cast<float>(d * 0.1);
+            expectedBg[p] = static_cast<unsigned char>(expectedBg[p] + (tenth > 0 ? std::ceil(tenth) : std::floor(tenth)));
+        }
+        ASSERT_GT(checked, 0);
+        ASSERT_LT(checked, w * h);
+        const int value = changed * 400 / checked;
+        int result = -1;
+        EXPECT_EQ(Det().DetMotion(cur.data(), cur.data(), result), value >= 10 ? 1 : 2) << "sensitivity " << sensitivity;
+        EXPECT_EQ(result, std::min(value, 100)) << "sensitivity " << sensitivity;
+        EXPECT_TRUE(std::equal(expectedBg.begin(), expectedBg.end(), bg)) << "sensitivity " << sensitivity;
+    }
+}
+
+// Grey of packed RGB, in place: (R + 2 G + B) / 4 for every pixel, on lengths around the
+// sizes the conversion works in; the bytes past the grey picture keep what they held.
+TEST_F(Judge, GreyInPlaceIsTheWeightedMeanOfEveryPixel) {
+    uint32_t state = 99u;
+    for (const int pixels : {1, 2, 15, 16, 17, 31, 33, 255, 256, 257, 511, 513, 8040}) {
+        std::vector<unsigned char> image(static_cast<size_t>(pixels) * 3);
+        for (auto& byte : image) {
+            state = state * 1103515245u + 12345u;
+            const unsigned pick = (state >> 16) % 8u;
+            byte = pick == 0 ? 0 : pick == 1 ? 255 : static_cast<unsigned char>(state >> 8);
+        }
+        const std::vector<unsigned char> rgb = image;
+        TWMotionDet::GreyInPlace(image.data(), pixels);
+        for (int i = 0; i < pixels; ++i) {
+            const int expected = (rgb[3 * i] + 2 * rgb[3 * i + 1] + rgb[3 * i + 2]) >> 2;
+            ASSERT_EQ(image[i], expected) << pixels << " pixels, pixel " << i;
+        }
+        EXPECT_TRUE(std::equal(image.begin() + pixels, image.end(), rgb.begin() + pixels)) << pixels << " pixels";
     }
 }
 
