@@ -3,16 +3,20 @@
 #
 # Before sourcing, a script sets BENCH_NAME (its name in messages) and SCRIPT_DIR.
 
-# bench_setup BUILD_DIR: sets TWHOST (exit 2 when the build has none) and WORK, a scratch
-# folder removed when the script ends.
+# bench_workdir: sets WORK, a scratch folder removed when the script ends.
+bench_workdir() {
+    WORK=$(mktemp -d "${TMPDIR:-/tmp}/$BENCH_NAME.XXXXXX")
+    trap 'rm -rf "$WORK"' EXIT INT TERM
+}
+
+# bench_setup BUILD_DIR: sets TWHOST (exit 2 when the build has none) and WORK.
 bench_setup() {
     TWHOST="$1/bin/twhost"
     if [ ! -x "$TWHOST" ]; then
         echo "$BENCH_NAME: no twhost binary at $TWHOST (build the twhost_tool target, or pass the build directory)" >&2
         exit 2
     fi
-    WORK=$(mktemp -d "${TMPDIR:-/tmp}/$BENCH_NAME.XXXXXX")
-    trap 'rm -rf "$WORK"' EXIT INT TERM
+    bench_workdir
 }
 
 # bench_positive NAME VALUE: exit 2 unless VALUE is a positive integer.

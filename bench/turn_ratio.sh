@@ -1,0 +1,52 @@
+#!/bin/sh
+# One detector turn on a 1080p H.264 key frame against its bare decode, as a ratio: the
+# whole IsDetected turn (decode, scale to 120 x 67, grey, blur, judgement) over the decode
+# alone, both from detector_bench on the painted scene (ordinary camera detail). The two
+# move with the machine by a few per cent from one run to the next, so the ratio is taken
+# in RUNS separate processes (each timing both benchmarks interleaved, REPS repetitions
+# each, medians) and the median of the runs' ratios is the figure to quote.
+#
+# Usage: turn_ratio.sh [BUILD_DIR] [RUNS] [REPS]
+#   BUILD_DIR  build tree holding bin/detector_bench (default: ../build next to this script)
+#   RUNS       separate runs (default 6)
+#   REPS       repetitions of each benchmark in a run (default 5)
+
+set -eu
+
+SCRIPT_DIR=$(cd "$(dirname "$0")" && pwd)
+BENCH_NAME=turn_ratio
+. "$SCRIPT_DIR/common.sh"
+BUILD_DIR=${1:-"$SCRIPT_DIR/../build"}
+RUNS=${2:-6}
+REPS=${3:-5}
+bench_positive RUNS "$RUNS"
+bench_positive REPS "$REPS"
+BENCH="$BUILD_DIR/bin/detector_bench"
+if [ ! -x "$BENCH" ]; then
+    echo "$BENCH_NAME: no detector_bench at $BENCH (configure with -DTW_BUILD_BENCH=ON)" >&2
+    exit 2
+fi
+bench_workdir
+
+: >"$WORK/ratios.txt"
+run=1
+while [ "$run" -le "$RUNS" ]; do
+    "$BENCH" --benchmark_filter='H264_(Decode|Whole)/scene:0' --benchmark_repetitions="$REPS" \
+        --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true \
+        >"$WORK/run.txt" 2>&1 || { echo "$BENCH_NAME: detector_bench failed:" >&2; cat "$WORK/run.txt" >&2; exit 1; }
+    # "BM_Turn_H264_Decode/scene:0/process_time/real_time_median 3.10 ms 3.10 ms ..."
+    line=$(awk '$1 ~ /_median$/ && $3 == "ms" {
+                    if ($1 ~ /H264_Decode\//) decode = $2; else if ($1 ~ /H264_Whole\//) whole = $2
+                }
+                END { if (decode > 0 && whole > 0) printf "%.4f %s %s\n", whole / decode, decode, whole }' "$WORK/run.txt")
+    if [ -z "$line" ]; then
+        echo "$BENCH_NAME: no Decode and Whole medians in detector_bench's output:" >&2
+        cat "$WORK/run.txt" >&2
+        exit 1
+    fi
+    set -- $line
+    echo "run $run: decode $2 ms, whole turn $3 ms, ratio $1"
+    echo "$1" >>"$WORK/ratios.txt"
+    run=$((run + 1))
+done
+echo "median ratio of $RUNS runs: $(bench_median <"$WORK/ratios.txt")"
