@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <deque>
 #include <mutex>
 #include <optional>
@@ -64,6 +65,41 @@ int HostCodecOf(AVCodecID id) {
     default:
         return VIDEO_CODEC_UNKNOWN;
     }
+}
+
+// An MP4 (or MOV) file's header describes its video in full: codec set-up, size, frame
+// rate, duration and start. Probing it as well decodes its first frames (seven for H.264,
+// with a decoder and its picture buffers of their own), which a camera pays at every start
+// and which changes nothing this source hands on. Other containers leave some of that to
+// the probe (Matroska the start, AVI the frame rate and duration), and so does an MP4 whose
+// header lacks any of it (MPEG-4 Part 2 streams give no size there), or that holds more
+// than one video stream, where the probe helps choose: those are probed.
+bool HeaderDescribesVideo(const AVFormatContext* pFormat) {
+    if (pFormat->iformat == nullptr || strcmp(pFormat->iformat->name, "mov,mp4,m4a,3gp,3g2,mj2") != 0) {
+        return false;
+    }
+    const AVStream* video = nullptr;
+    for (unsigned i = 0; i < pFormat->nb_streams; ++i) {
+        if (pFormat->streams[i]->codecpar->codec_type != AVMEDIA_TYPE_VIDEO) {
+            continue;
+        }
+        if (video != nullptr) {
+            return false;
+        }
+        video = pFormat->streams[i];
+    }
+    if (video == nullptr || (video->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0) {
+        return false;
+    }
+    const AVCodecParameters* par = video->codecpar;
+    // H.264 and HEVC carry their parameter sets in the header (avcC, hvcC); without them the
+    // probe takes them from the stream.
+    const bool needsParameterSets =
+        par->codec_id == AV_CODEC_ID_H264 || par->codec_id == AV_CODEC_ID_HEVC;
+    return HostCodecOf(par->codec_id) != VIDEO_CODEC_UNKNOWN && par->width > 0 &&
+           par->height > 0 && video->avg_frame_rate.num > 0 && video->avg_frame_rate.den > 0 &&
+           video->start_time != AV_NOPTS_VALUE && pFormat->duration != AV_NOPTS_VALUE &&
+           (!needsParameterSets || (par->extradata != nullptr && par->extradata_size > 0));
 }
 
 const char* HostCodecName(int codec) {
@@ -519,7 +555,7 @@ bool MediaSource::Open(const std::string& input, std::string& error,
         return fail("cannot open '" + input + "': " +
                     (timedOut ? std::string("timed out") : AvError(ret)));
     }
-    ret = avformat_find_stream_info(impl.m_pFormat, nullptr);
+    ret = HeaderDescribesVideo(impl.m_pFormat) ? 0 : avformat_find_stream_info(impl.m_pFormat, nullptr);
     impl.m_ProbeSec = static_cast<double>(SteadyUs() - probeStartUs) / 1e6;
     if (ret < 0) {
         return fail("cannot read the streams of '" + input + "': " +

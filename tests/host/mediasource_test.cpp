@@ -345,6 +345,52 @@ TEST_F(MediaSourceTest, Mpeg4PartTwoIsCodecTwo) {
     EXPECT_TRUE(packets[12].keyFrame);
 }
 
+// An MP4 whose header describes its video is opened without probing the stream; what the
+// source hands on must be what a probed container of the same clip gives: Matroska is
+// always probed, so the two are compared, B-frames included.
+TEST_F(MediaSourceTest, Mp4OpenedFromItsHeaderMatchesTheProbedMatroskaOfTheSameClip) {
+    for (const int codec : {VIDEO_CODEC_H264, VIDEO_CODEC_HEVC}) {
+        const ClipSpec clipSpec = SmallClip(codec, 1.0, 2);
+        const std::string tag = codec == VIDEO_CODEC_H264 ? "h264" : "hevc";
+        MediaSource mp4;
+        MediaSource mkv;
+        std::string error;
+        ASSERT_TRUE(mp4.Open(WriteClipFile(clipSpec, tag + ".mp4"), error)) << error;
+        ASSERT_TRUE(mkv.Open(WriteClipFile(clipSpec, tag + ".mkv"), error)) << error;
+        EXPECT_EQ(mp4.GetCodec(), codec);
+        EXPECT_EQ(mp4.GetCodec(), mkv.GetCodec()) << tag;
+        EXPECT_EQ(mp4.GetWidth(), 320) << tag;
+        EXPECT_EQ(mp4.GetHeight(), 180) << tag;
+        EXPECT_EQ(mp4.GetWidth(), mkv.GetWidth()) << tag;
+        EXPECT_EQ(mp4.GetHeight(), mkv.GetHeight()) << tag;
+        EXPECT_EQ(mp4.GetFrameIntervalUs(), 40000) << tag;
+        EXPECT_EQ(mp4.GetFrameIntervalUs(), mkv.GetFrameIntervalUs()) << tag;
+        EXPECT_NEAR(static_cast<double>(mp4.GetDurationUs()), static_cast<double>(mkv.GetDurationUs()), 1e5) << tag;
+        EXPECT_EQ(mp4.GetExtraData(), mkv.GetExtraData()) << tag;
+        const std::vector<SourcePacket> fromMp4 = ReadAll(mp4);
+        const std::vector<SourcePacket> fromMkv = ReadAll(mkv);
+        ASSERT_EQ(fromMp4.size(), 25u) << tag;
+        ASSERT_EQ(fromMp4.size(), fromMkv.size()) << tag;
+        for (size_t i = 0; i < fromMp4.size(); ++i) {
+            ASSERT_TRUE(fromMp4[i].data && fromMkv[i].data);
+            EXPECT_EQ(*fromMp4[i].data, *fromMkv[i].data) << tag << " packet " << i;
+            EXPECT_EQ(fromMp4[i].keyFrame, fromMkv[i].keyFrame) << tag << " packet " << i;
+            EXPECT_EQ(fromMp4[i].ptsUs, fromMkv[i].ptsUs) << tag << " packet " << i;
+        }
+    }
+}
+
+// MPEG-4 Part 2 in MP4 gives no picture size in the header: such a file is probed, and its
+// size comes from the stream.
+TEST_F(MediaSourceTest, Mpeg4InMp4HasTheSizeOfItsStream) {
+    MediaSource source;
+    std::string error;
+    ASSERT_TRUE(source.Open(WriteClipFile(SmallClip(VIDEO_CODEC_MPEG4, 0.5), "clip.mp4"), error)) << error;
+    EXPECT_EQ(source.GetWidth(), 320);
+    EXPECT_EQ(source.GetHeight(), 180);
+    EXPECT_EQ(source.GetFrameIntervalUs(), 40000);
+}
+
 TEST_F(MediaSourceTest, RewindStartsAgainAtTheFirstPacket) {
     const std::string path = WriteClipFile(SmallClip(VIDEO_CODEC_H264, 0.6), "clip.mp4");
     MediaSource source;
