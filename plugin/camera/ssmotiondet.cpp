@@ -359,7 +359,10 @@ int TWMotionDet::DetMain() {
 
 namespace {
 
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+// Not under ThreadSanitizer: the loader runs the clones' resolver while it relocates a
+// program that links this file, before the sanitizer's runtime is up, and the resolver's
+// instrumentation then crashes the program before main.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_THREAD__)
 #define TW_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
 #else
 #define TW_VECTOR_CLONES
