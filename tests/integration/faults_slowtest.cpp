@@ -348,6 +348,10 @@ Json::Value WaitForPortRequest(ChildProcess& child, int port, bool state, size_t
 }
 
 TEST(Faults, ModbusModuleGoneMidHoldFailsRequestsWithTheCauseAndServesThemAgainWhenBack) {
+    // twhost ioaction owns the status record of its module: in a key space of this process's
+    // own, so that no other test's device of the same number (the audio-out tests have a 41)
+    // can hold that record while this one runs beside it.
+    tw::test::ScopedProcessKeyBase keys(tw::test::kLiveFifoKeyRegion);
     tw::test::LoopbackModbusServer server(8);
     ASSERT_EQ(server.Error(), "");
     server.Start();
