@@ -7,6 +7,7 @@
 
 #include "tw/camera.h"
 #include "twhost/decodeerror.h"
+#include "twhost/decodegate.h"
 #include "twhost/decodetuning.h"
 #include "boxreduce.h"
 
@@ -760,8 +761,11 @@ int DecodeJpeg(const unsigned char* data, int size, unsigned char** out, int& ou
     job.space = space;
     job.scale = scale;
     job.components = components;
-    if (tw::host::RunJpegDecode(&job) != 0) {
-        return -1;
+    {
+        tw::host::DecodeSlot slot;
+        if (tw::host::RunJpegDecode(&job) != 0) {
+            return -1;
+        }
     }
     outSize = job.outSize;
     width = job.width;
@@ -862,6 +866,8 @@ int DoFFMpegDecode(FFmpegAttr& attr, const unsigned char* data, int size)
         return -1;
     }
     char szErr[AV_ERROR_MAX_STRING_SIZE];
+    // Held until the picture is out: the decode is what the cameras of a process queue for.
+    tw::host::DecodeSlot slot;
     int ret = avcodec_send_packet(pCtx, pPacket);
     if (ret == AVERROR(EAGAIN)) {
         // Pictures of an earlier frame are still waiting; they are older than this one.

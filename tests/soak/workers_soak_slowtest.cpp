@@ -47,6 +47,7 @@
 #include "camera/livecamdetector.h"
 #include "camera/ssmotiondet.h"
 #include "support/testenv.h"
+#include "support/waituntil.h"
 #include "twhost/audiofifo.h"
 #include "twhost/audiosink.h"
 #include "twhost/clipmaker.h"
@@ -169,19 +170,8 @@ bool PathExists(const std::string& path) {
     return lstat(path.c_str(), &st) == 0;
 }
 
-// Polls a condition (real time) with the hang guard. The pause between looks grows to 2 ms:
-// with a hundred waiters at once, fixed short pauses would take the processor from the
-// workers they wait for.
-bool WaitUntil(const std::function<bool()>& pred) {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(kGuardMs);
-    std::chrono::microseconds pause(100);
-    while (!pred()) {
-        if (Clock::now() >= deadline) return pred();
-        std::this_thread::sleep_for(pause);
-        pause = std::min(pause * 2, std::chrono::microseconds(2000));
-    }
-    return true;
-}
+// Polls a condition (real time) with the hang guard.
+bool WaitUntil(const std::function<bool()>& pred) { return tw::test::WaitUntil(pred, kGuardMs); }
 
 // Prints the figures of one soak and runs the leak check.
 class SoakReport {

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "plugin/actionrule/ioaction_testutil.h"
+#include "support/waituntil.h"
 
 namespace tw::test {
 namespace {
@@ -135,14 +136,6 @@ void AwaitReturn(std::future<void>& done, const char* what) {
     std::_Exit(1);
 }
 
-// Polls the executor's status until pred holds; a hang guard only.
-bool WaitUntil(const std::function<bool()>& pred) {
-    for (int i = 0; i < 60000; ++i) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return pred();
-}
 
 // These tests run the worker on the real clock: nothing here waits for time, and a
 // worker on the manual clock can miss Terminate's signal in its sliced wait (the host's
@@ -170,7 +163,7 @@ TEST_F(BlockedRequestTest, StatusRequestsAndTerminateDoNotWaitForABlockedPortReq
     IOActExecutor& exec = StartOnRealClock(4);
     // Port 1 is held active, so Terminate has a request of its own to send.
     exec.DoAction(0x400, {}, {{1, DOCond(false, -2, 0)}}, false);
-    ASSERT_TRUE(WaitUntil([&] { return PortStatus(1) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return PortStatus(1) == 1; }, 60000));
     m_Module->BlockPort(0);
     exec.DoAction(0x400, {}, {{0, DOCond(false, -2, 0)}}, false);
     ASSERT_TRUE(m_Module->WaitUntilBlocked());
@@ -278,7 +271,7 @@ TEST_F(BlockedRequestTest, HostCodeRunByAPortRequestMayAskForTheStatus) {
     m_Module->SetCallback(nullptr);
     // Terminate puts back what it finds active: wait until the worker has written the
     // port's new status, which it does after the request returned.
-    ASSERT_TRUE(WaitUntil([&] { return PortStatus(0) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return PortStatus(0) == 1; }, 60000));
     auto terminate = std::async(std::launch::async, [&] { exec.Terminate(); });
     AwaitReturn(terminate, "Terminate");
     const std::vector<BlockingModule::PortCall> calls = m_Module->PortCalls();

@@ -21,6 +21,7 @@
 
 #include "camera/audioout.h"
 #include "support/testenv.h"
+#include "support/waituntil.h"
 #include "twhost/audiosink.h"
 #include "twhost/clock.h"
 #include "twhost/devices.h"
@@ -42,14 +43,6 @@ inline CAM_CAP_AUDIO_OUT_FORMAT Pcm(int rate, int bits, int channels) {
     return CAM_CAP_AUDIO_OUT_FORMAT{"PCM", rate, bits, channels};
 }
 
-// Polls until pred holds; a hang guard, not a measurement.
-inline bool WaitUntil(const std::function<bool()>& pred, int guardMs = 20000) {
-    for (int i = 0; i < guardMs; ++i) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return pred();
-}
 
 // A WAV file: header of the given format, optionally a LIST chunk before the data, then
 // the data. Returns the offset of the data.
