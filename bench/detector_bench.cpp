@@ -170,7 +170,6 @@ std::string KiB(const std::vector<unsigned char>& data)
     return std::to_string((data.size() + 512) / 1024) + " KiB";
 }
 
-
 // A host decoder with SHOW_ALL set, as the detection loop opens it.
 struct H264Decoder {
     FFmpegAttr attr{};

@@ -52,6 +52,7 @@ public:
     bool IsDetected(FRAME_DEC_ATTR& attr, int& result);
     int DecImageByJpeg(FRAME_DEC_ATTR& attr);
     int DecImageByFFMpeg(FRAME_DEC_ATTR& attr);
+    // Packed 3-byte pixels to one grey byte each, written over the first third of image.
     static void GreyInPlace(unsigned char* image, int pixels);
     void BlurImage(unsigned char* image, int width, int height);
     int SetDetBlocks(int width, int height);
