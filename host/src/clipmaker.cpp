@@ -283,6 +283,9 @@ bool ConfigureEncoder(const ClipSpec& clipSpec, AVCodecContext* ctx, std::string
                              ":min-keyint=" + std::to_string(clipSpec.gop) +
                              ":scenecut=0:bframes=" + std::to_string(clipSpec.bFrames) +
                              ":repeat-headers=1";
+        // x264's rate control over several threads depends on how they happen to run, and a
+        // sample made twice with the same arguments must be the same file: one thread.
+        if (clipSpec.bitrateKbps > 0) params += ":threads=1";
         return SetOption(ctx, "x264-params", params, error);
     }
     case VIDEO_CODEC_HEVC: {
@@ -296,6 +299,9 @@ bool ConfigureEncoder(const ClipSpec& clipSpec, AVCodecContext* ctx, std::string
                              ":min-keyint=" + std::to_string(clipSpec.gop) +
                              ":scenecut=0:open-gop=0:bframes=" + std::to_string(clipSpec.bFrames) +
                              ":repeat-headers=1:annexb=1:log-level=error";
+        // As for x264: a rate-controlled clip is encoded on one thread so that it comes out
+        // the same every time.
+        if (clipSpec.bitrateKbps > 0) params += ":frame-threads=1:pools=none";
         return SetOption(ctx, "x265-params", params, error);
     }
     default:

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <functional>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -461,6 +462,33 @@ TEST(TwhostSampleBitrate, CapsTheStreamNearTheRateAndSaysSo) {
     EXPECT_GT(cappedBytes, nominal / 2);
     EXPECT_LT(cappedBytes, nominal * 3 / 2);
     EXPECT_GT(freeBytes, 2 * cappedBytes);
+}
+
+std::string FileBytes(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    return bytes.str();
+}
+
+// A rate-controlled clip is the same file every time it is made with the same arguments,
+// so that figures taken on it can be taken again.
+TEST(TwhostSampleBitrate, TheSameArgumentsMakeTheSameFileTwice) {
+    tw::test::ScopedTempDir dir;
+    ASSERT_TRUE(dir.Ok());
+    for (const char* codec : {"h264", "hevc"}) {
+        std::string bytes[2];
+        for (int i = 0; i < 2; ++i) {
+            const std::string path = dir.File(std::string(codec) + std::to_string(i) + ".mp4");
+            const ChildResult r = Twhost({"sample", path, "--codec", codec, "--size", "640x360", "--duration", "3",
+                                          "--bitrate", "400"});
+            ASSERT_TRUE(r.exited && r.exitCode == 0) << codec << ": " << r.Describe() << "\n" << r.err;
+            bytes[i] = FileBytes(path);
+        }
+        EXPECT_GT(bytes[0].size(), 10000u) << codec;
+        EXPECT_TRUE(bytes[0] == bytes[1]) << codec << ": " << bytes[0].size() << " and " << bytes[1].size()
+                                          << " bytes, not the same";
+    }
 }
 
 TEST(TwhostSampleBitrate, IsRefusedForCodecsWithAFixedQuantiserNamingTheReason) {
