@@ -193,12 +193,11 @@ TEST_F(DecodeGateTest, FewerSlotsLetNobodyInUntilTheRunningAreBelowThem) {
 // The host's decoders, held up by a slot the test keeps: they stand in line and finish once
 // it is free, with the picture they would have given anyway.
 TEST_F(DecodeGateTest, DoFFMpegDecodeQueuesForASlot) {
-    tw::test::TestVideoSpec spec;
-    spec.codec = VIDEO_CODEC_H264;
-    spec.frames = 1;
+    // One H.264 picture of 320 x 240, flat grey at PictureLevel(0).
     tw::test::TestVideo video;
     std::string error;
-    ASSERT_TRUE(tw::test::EncodeTestVideo(spec, video, error)) << error;
+    // codec, width, height, frames, key-frame interval, B-frames, global header, painter
+    ASSERT_TRUE(tw::test::EncodeTestVideo({VIDEO_CODEC_H264, 320, 240, 1, 8, 0, false, {}}, video, error)) << error;
     ASSERT_FALSE(video.packets.empty());
     FFmpegAttr attr{};
     unsigned char* image = nullptr;

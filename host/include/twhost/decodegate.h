@@ -8,7 +8,6 @@
 // after another at full speed: a decode waits for those ahead of it, not for all of them.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 namespace tw::host {

@@ -136,7 +136,6 @@ void AwaitReturn(std::future<void>& done, const char* what) {
     std::_Exit(1);
 }
 
-
 // These tests run the worker on the real clock: nothing here waits for time, and a
 // worker on the manual clock can miss Terminate's signal in its sliced wait (the host's
 // wait then never ends), which these tests, with a thread blocked, would hit more often.

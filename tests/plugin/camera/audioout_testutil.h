@@ -43,7 +43,6 @@ inline CAM_CAP_AUDIO_OUT_FORMAT Pcm(int rate, int bits, int channels) {
     return CAM_CAP_AUDIO_OUT_FORMAT{"PCM", rate, bits, channels};
 }
 
-
 // A WAV file: header of the given format, optionally a LIST chunk before the data, then
 // the data. Returns the offset of the data.
 inline long WriteWav(const std::string& path, int rate, int bits, int channels,
