@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstring>
 #include <deque>
 #include <mutex>
@@ -757,6 +758,10 @@ constexpr int64_t kDefaultFrameIntervalUs = 40000;
 constexpr int64_t kLookAheadUs = 1000000;
 constexpr int64_t kLowWaterUs = 200000;
 
+// GetCountsBy sums up a packet only this long after its time, so that a question about a
+// moment a little in the past still has every packet after it to leave out.
+constexpr int64_t kCountsExactForUs = 30000000;
+
 }  // namespace
 
 struct FifoPump::Impl {
@@ -787,6 +792,20 @@ struct FifoPump::Impl {
     std::atomic<uint64_t> m_Corrupt{0};
     std::atomic<uint64_t> m_Errors{0};
     std::atomic<uint64_t> m_Loops{0};
+    bool m_blRoundStart = false;   // the next packet handed over starts a looping file's round
+
+    // GetCountsBy: packets well in the past are summed up; the recent ones and those handed
+    // over ahead of the clock wait in m_Ahead, oldest first, each with its time.
+    struct Handed {
+        int64_t dueUs;
+        bool keyFrame;
+        bool roundStart;
+    };
+    mutable std::mutex m_CountMutex;
+    FifoPump::Counts m_Counted;
+    std::deque<Handed> m_Ahead;
+    std::atomic<int64_t> m_CountLimitUs{INT64_MAX};
+
     mutable std::mutex m_ErrorMutex;
     std::string m_strLastError;
 
@@ -838,6 +857,37 @@ struct FifoPump::Impl {
         if (packet.corrupt) {
             ++m_Corrupt;
         }
+        Count(dueUs, packet.keyFrame);
+    }
+
+    static void Add(FifoPump::Counts& counts, const Handed& h) {
+        ++counts.packets;
+        if (h.keyFrame) ++counts.keyFrames;
+        if (h.roundStart) ++counts.loops;
+    }
+
+    void Count(int64_t dueUs, bool keyFrame) {
+        const bool roundStart = m_blRoundStart;
+        m_blRoundStart = false;
+        if (dueUs > m_CountLimitUs.load()) return;
+        const int64_t foldUs = GetClock().NowUs() - kCountsExactForUs;
+        std::lock_guard<std::mutex> lock(m_CountMutex);
+        m_Ahead.push_back({dueUs, keyFrame, roundStart});
+        // Only the front is looked at: a frame that B-frames reorder behind a later one waits
+        // a little longer here, and CountsBy looks at every waiting packet anyway.
+        while (!m_Ahead.empty() && m_Ahead.front().dueUs <= foldUs) {
+            Add(m_Counted, m_Ahead.front());
+            m_Ahead.pop_front();
+        }
+    }
+
+    FifoPump::Counts CountsBy(int64_t timeUs) const {
+        std::lock_guard<std::mutex> lock(m_CountMutex);
+        FifoPump::Counts counts = m_Counted;
+        for (const Handed& h : m_Ahead) {
+            if (h.dueUs <= timeUs) Add(counts, h);
+        }
+        return counts;
     }
 
     void SetError(const std::string& message) {
@@ -946,6 +996,7 @@ struct FifoPump::Impl {
                 m_blHaveFirst = false;
                 roundPackets = 0;
                 ++m_Loops;
+                m_blRoundStart = true;
                 continue;
             }
             if (ret < 0) {
@@ -1079,6 +1130,10 @@ uint64_t FifoPump::GetCorruptCount() const { return m_pImpl->m_Corrupt.load(); }
 uint64_t FifoPump::GetErrorCount() const { return m_pImpl->m_Errors.load(); }
 
 uint64_t FifoPump::GetLoopCount() const { return m_pImpl->m_Loops.load(); }
+
+FifoPump::Counts FifoPump::GetCountsBy(int64_t timeUs) const { return m_pImpl->CountsBy(timeUs); }
+
+void FifoPump::SetCountLimitUs(int64_t timeUs) { m_pImpl->m_CountLimitUs.store(timeUs); }
 
 void FifoPump::SetEndListener(std::function<void(int64_t endUs)> listener) {
     std::lock_guard<std::mutex> lock(m_pImpl->m_ListenerMutex);

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -795,6 +796,105 @@ TEST_F(MediaSourceTest, LoopingPumpRunsTheFileAgainWithTimeGoingOn) {
     // The second round starts with the file's first packet again.
     EXPECT_EQ(*packets[10].data, *packets[0].data);
     EXPECT_TRUE(packets[10].keyFrame);
+}
+
+// Waits until the pump has handed over at least n packets; false after the hang guard.
+bool WaitForHanded(const FifoPump& pump, uint64_t n) {
+    const auto guard = std::chrono::steady_clock::now() + kHangGuard;
+    while (pump.GetPacketCount() < n) {
+        if (std::chrono::steady_clock::now() >= guard) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+TEST_F(MediaSourceTest, PacedPumpCountsOnlyWhatWasDueByATime) {
+    // 3 s at 25 fps, a key frame every 12 frames; a paced pump into the FIFO reads about a
+    // second ahead of the clock at once.
+    const std::string path = WriteClipFile(SmallClip(VIDEO_CODEC_H264, 3.0), "clip.mp4");
+    MediaSource source;
+    std::string error;
+    ASSERT_TRUE(source.Open(path, error)) << error;
+    StreamFifo fifo;
+    FifoPump pump(source, fifo);
+    ASSERT_TRUE(pump.StartRealTime(FifoPump::RealTimeOptions(), error)) << error;
+    ASSERT_TRUE(WaitForHanded(pump, 20));
+    const int64_t epoch = pump.GetEpochUs();
+
+    // Due by +100 ms: the frames at 0, 40 and 80 ms, one of them a key frame.
+    FifoPump::Counts early = pump.GetCountsBy(epoch + 100000);
+    EXPECT_EQ(early.packets, 3u);
+    EXPECT_EQ(early.keyFrames, 1u);
+    EXPECT_EQ(early.loops, 0u);
+    // By +480 ms exactly: 13 frames (0 to 480 ms), key frames at 0 and 480 ms.
+    FifoPump::Counts half = pump.GetCountsBy(epoch + 480000);
+    EXPECT_EQ(half.packets, 13u);
+    EXPECT_EQ(half.keyFrames, 2u);
+    EXPECT_EQ(pump.GetCountsBy(epoch - 1).packets, 0u);
+
+    pump.Stop();
+    // Everything handed over is counted by a time after the last of it.
+    const FifoPump::Counts all = pump.GetCountsBy(INT64_MAX);
+    EXPECT_EQ(all.packets, pump.GetPacketCount());
+    EXPECT_EQ(all.keyFrames, pump.GetKeyFrameCount());
+    EXPECT_GE(all.packets, 20u);
+}
+
+TEST_F(MediaSourceTest, PacedPumpLeavesPacketsAfterTheCountLimitOut) {
+    const std::string path = WriteClipFile(SmallClip(VIDEO_CODEC_H264, 1.0), "clip.mp4");
+    MediaSource source;
+    std::string error;
+    ASSERT_TRUE(source.Open(path, error)) << error;
+    StreamFifo fifo;
+    FifoPump pump(source, fifo);
+    const int64_t limit = tw::host::GetClock().NowUs() + 200000;
+    pump.SetCountLimitUs(limit);
+    ASSERT_TRUE(pump.StartRealTime(FifoPump::RealTimeOptions(), error)) << error;
+    const auto guard = std::chrono::steady_clock::now() + kHangGuard;
+    while (!pump.Ended() && std::chrono::steady_clock::now() < guard) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ASSERT_TRUE(pump.Ended());
+    pump.Stop();
+    EXPECT_EQ(pump.GetPacketCount(), 25u);
+    // The pump started after the limit was taken; the frames 40 ms apart from its epoch on
+    // that are not after the limit.
+    const int64_t span = limit - pump.GetEpochUs();
+    ASSERT_GE(span, 0);
+    const uint64_t expected = static_cast<uint64_t>(span / 40000 + 1);
+    EXPECT_EQ(pump.GetCountsBy(INT64_MAX).packets, expected);
+    EXPECT_EQ(pump.GetCountsBy(limit).packets, expected);
+    EXPECT_EQ(pump.GetCountsBy(INT64_MAX).keyFrames, 1u);
+}
+
+TEST_F(MediaSourceTest, PacedLoopingPumpCountsTheRestartsThatWereDue) {
+    // 0.4 s, ten frames: each round starts 400 ms after the one before, with a key frame.
+    const std::string path = WriteClipFile(SmallClip(VIDEO_CODEC_H264, 0.4), "clip.mp4");
+    MediaSource source;
+    std::string error;
+    ASSERT_TRUE(source.Open(path, error)) << error;
+    StreamFifo fifo;
+    FifoPump pump(source, fifo);
+    FifoPump::RealTimeOptions options;
+    options.loop = true;
+    ASSERT_TRUE(pump.StartRealTime(options, error)) << error;
+    ASSERT_TRUE(WaitForHanded(pump, 20));
+    const int64_t epoch = pump.GetEpochUs();
+
+    // By +500 ms: the first round's ten frames and 400, 440 and 480 ms of the second.
+    const FifoPump::Counts counts = pump.GetCountsBy(epoch + 500000);
+    EXPECT_EQ(counts.packets, 13u);
+    EXPECT_EQ(counts.keyFrames, 2u);
+    EXPECT_EQ(counts.loops, 1u);
+    EXPECT_EQ(pump.GetCountsBy(epoch + 399999).loops, 0u);
+    EXPECT_EQ(pump.GetCountsBy(epoch + 400000).loops, 1u);
+
+    pump.Stop();
+    const FifoPump::Counts all = pump.GetCountsBy(INT64_MAX);
+    EXPECT_EQ(all.packets, pump.GetPacketCount());
+    // A restart counts once its first packet is handed over.
+    EXPECT_EQ(all.loops, (all.packets - 1) / 10);
+    EXPECT_LE(all.loops, pump.GetLoopCount());
 }
 
 TEST_F(MediaSourceTest, PumpPushesPacketsThatTheDemuxerFlagsAsCorrupt) {

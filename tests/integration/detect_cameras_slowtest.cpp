@@ -2,6 +2,7 @@
 // each judging its own input and saying so under its own camera id.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -95,6 +96,44 @@ TEST_F(DetectCamerasLive, EachSourceIsJudgedByItsOwnCamera) {
             EXPECT_LE(s["intervals"][0]["start"].asDouble(), 2.4) << s;
         }
     }
+}
+
+TEST_F(DetectCamerasLive, LoopingFileIsJudgedAgainInEveryRound) {
+    // 3 s, the square moving 0.9-2.4 s; played twice over, it moves again 3.9-5.4 s.
+    const std::string moving = WriteClip("moving.mp4", {{0.9, 2.4}});
+    const ChildResult r = tw::test::RunChild({TW_TWHOST_BIN, "detect", moving, "--realtime", "--loop", "--json",
+                                              "--sensitivity", "90", "--duration", "6"});
+    ASSERT_TRUE(r.exited && r.exitCode == 0) << r.Describe() << "\n" << r.err;
+    std::vector<Json::Value> lines;
+    std::string error;
+    ASSERT_TRUE(tw::test::ParseJsonLines(r.out, lines, error)) << error;
+    const std::vector<std::string> problems = tw::test::CheckJsonLines("twhost detect", lines);
+    ASSERT_TRUE(problems.empty()) << problems.front();
+    const std::vector<Json::Value> summaries = tw::test::LinesOfType(lines, "summary");
+    ASSERT_EQ(summaries.size(), 1u) << r.out;
+    const Json::Value& s = summaries[0];
+    EXPECT_EQ(s["endReason"].asString(), "duration reached") << s;
+    EXPECT_EQ(s["loops"].asInt(), 1) << s;
+    // Two rounds of 75 frames, and the first frame of a third right at the cut.
+    EXPECT_GE(s["frames"].asInt(), 150) << s;
+    EXPECT_LE(s["frames"].asInt(), 151) << s;
+    // A looping file never ends its data.
+    EXPECT_FALSE(s.isMember("dataEnd")) << s;
+    // The jump back to the square's first place at 3 s keeps the motion on, so the rounds
+    // make one interval; the second round shows in the value, which sinks while the
+    // background takes in the square's resting place and climbs again as it moves.
+    ASSERT_GE(s["intervals"].size(), 1u) << s;
+    EXPECT_GE(s["intervals"][0]["start"].asDouble(), 0.9) << s;
+    EXPECT_LE(s["intervals"][0]["start"].asDouble(), 2.4) << s;
+    int settled = 100, again = -1;
+    for (const Json::Value& st : tw::test::LinesOfType(lines, "status")) {
+        const double t = st["t"].asDouble();
+        if (t >= 3.3 && t <= 4.5) settled = std::min(settled, st["value"].asInt());
+        if (t >= 4.8) again = std::max(again, st["value"].asInt());
+    }
+    ASSERT_LT(settled, 100) << "no turn between 3.3 and 4.5 s: " << r.out;
+    ASSERT_GE(again, 0) << "no turn after 4.8 s: " << r.out;
+    EXPECT_GE(again, settled + 10) << r.out;
 }
 
 TEST_F(DetectCamerasLive, TextLinesSayWhichCameraTheyAreAbout) {

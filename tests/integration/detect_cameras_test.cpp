@@ -87,6 +87,76 @@ TEST_F(DetectCameras, StaggerWithOneSourceIsRefused) {
     ExpectUsageError(Twhost({"detect", m_Clip, "--stagger", "1"}), {"--stagger", "more than one SOURCE"});
 }
 
+TEST_F(DetectCameras, LoopWithoutRealtimeIsRefusedNamingTheOption) {
+    ExpectUsageError(Twhost({"detect", m_Clip, "--loop"}), {"--loop", "--realtime"});
+}
+
+TEST_F(DetectCameras, LoopOnTheLiveFifoIsRefused) {
+    ExpectUsageError(Twhost({"detect", "--shm", "--loop", "--realtime"}), {"--loop", "--shm"});
+}
+
+TEST_F(DetectCameras, LoopWithAStreamAmongTheSourcesIsRefusedNamingIt) {
+    ExpectUsageError(Twhost({"detect", m_Clip, "rtsp://127.0.0.1:9/none", "--realtime", "--loop"}),
+                     {"--loop", "'rtsp://127.0.0.1:9/none' is a stream"});
+}
+
+// The summary of a real-time run cut at --duration counts the frames the camera had sent by
+// the cut, not the second of video the pump reads ahead of the clock.
+TEST_F(DetectCameras, RealTimeRunCutByDurationCountsTheFramesSentByTheCut) {
+    const ChildResult r = Twhost({"detect", m_Clip, "--realtime", "--duration", "1", "--json"});
+    ASSERT_TRUE(r.exited && r.exitCode == 0) << r.Describe() << "\n" << r.err;
+    std::vector<Json::Value> lines;
+    std::string error;
+    ASSERT_TRUE(tw::test::ParseJsonLines(r.out, lines, error)) << error;
+    const std::vector<Json::Value> summaries = tw::test::LinesOfType(lines, "summary");
+    ASSERT_EQ(summaries.size(), 1u) << r.out;
+    EXPECT_EQ(summaries[0]["endReason"].asString(), "duration reached");
+    // 25 fps: the frames at 0 to 0.96 s, and the one at 1.0 s unless the pump started a
+    // microsecond or more after the run's epoch (it always starts after it).
+    const int frames = summaries[0]["frames"].asInt();
+    EXPECT_GE(frames, 25) << summaries[0];
+    EXPECT_LE(frames, 26) << summaries[0];
+}
+
+TEST_F(DetectCameras, LoopingCamerasPlayTheirFileAgainAndTellHowOften) {
+    // 0.2 s: five frames 40 ms apart, each round 200 ms after the one before.
+    tw::host::ClipSpec clip;
+    clip.width = 160;
+    clip.height = 96;
+    clip.codec = VIDEO_CODEC_H264;
+    clip.gop = 5;
+    clip.durationSec = 0.2;
+    const std::string shortClip = m_Dir.File("short.mp4");
+    std::string error;
+    ASSERT_TRUE(tw::host::WriteClip(clip, shortClip, error)) << error;
+
+    const ChildResult r =
+        Twhost({"detect", shortClip, shortClip, "--realtime", "--loop", "--duration", "1", "--json"});
+    ASSERT_TRUE(r.exited && r.exitCode == 0) << r.Describe() << "\n" << r.err;
+    std::vector<Json::Value> lines;
+    ASSERT_TRUE(tw::test::ParseJsonLines(r.out, lines, error)) << error;
+    const std::vector<std::string> problems = tw::test::CheckJsonLines("twhost detect", lines);
+    EXPECT_TRUE(problems.empty()) << problems.front();
+    const std::vector<Json::Value> summaries = tw::test::LinesOfType(lines, "summary");
+    ASSERT_EQ(summaries.size(), 2u) << r.out;
+    for (const Json::Value& s : summaries) {
+        EXPECT_EQ(s["endReason"].asString(), "duration reached") << s;
+        EXPECT_TRUE(s["settings"]["loop"].asBool()) << s;
+        // One second of a 0.2 s file: five rounds, the fifth starting right at the cut.
+        const int frames = s["frames"].asInt();
+        EXPECT_GE(frames, 25) << s;
+        EXPECT_LE(frames, 26) << s;
+        EXPECT_EQ(s["loops"].asInt(), (frames - 1) / 5) << s;
+        EXPECT_NEAR(s["t"].asDouble(), 1.0, 1e-9) << s;
+    }
+
+    // In text, the run says it loops and how often each file started again.
+    const ChildResult text = Twhost({"detect", shortClip, "--realtime", "--loop", "--duration", "0.5"});
+    ASSERT_TRUE(text.exited && text.exitCode == 0) << text.Describe() << "\n" << text.err;
+    EXPECT_TRUE(Contains(text.out, "real time, looping")) << text.out;
+    EXPECT_TRUE(Contains(text.out, "the file started again 2 times; duration reached")) << text.out;
+}
+
 TEST_F(DetectCameras, SourceThatCannotBeOpenedFailsNamingItsCameraAndTheInput) {
     const std::string missing = m_Dir.File("missing.mp4");
     const ChildResult r = Twhost({"detect", m_Clip, missing, "--realtime"});

@@ -72,6 +72,7 @@ struct DetectOptions {
     bool overwrite = false;
     double stagger = 0;          // several sources: seconds over which their starts spread
     bool exactDecode = false;    // --exact-decode: keep the H.264/HEVC loop filter
+    bool loop = false;           // --loop: files start again at their end, time running on
 };
 
 const char* const kCmd = "twhost detect";
@@ -206,6 +207,7 @@ Json::Value DetectSettings(const DetectOptions& opt, int camId, const std::strin
     settings["region"] = opt.region;
     settings["watchedCells"] = static_cast<int>(std::count(region.begin(), region.end(), '1'));
     if (opt.duration > 0) settings["duration"] = opt.duration;
+    if (opt.loop) settings["loop"] = true;
     settings["logLevel"] = opt.logLevel;
     return settings;
 }
@@ -360,6 +362,28 @@ void FillLateness(int camId, DetectPrinter::Summary& summary) {
     summary.lateOver100Ms = late.over100Ms;
 }
 
+// --loop plays files; what cannot be played again is said before anything starts. 0, or the
+// usage exit code with the error printed.
+int CheckLoop(const DetectOptions& opt, const std::vector<std::string>& inputs) {
+    if (!opt.loop) return 0;
+    if (opt.shm) {
+        fprintf(stderr, "%s: --loop starts a file again at its end; the live FIFO (--shm) has no end to start from\n",
+                kCmd);
+        return twcli::kExitUsage;
+    }
+    for (const std::string& input : inputs) {
+        if (IsUrl(input)) {
+            fprintf(stderr, "%s: --loop starts a file again at its end; '%s' is a stream\n", kCmd, input.c_str());
+            return twcli::kExitUsage;
+        }
+    }
+    if (!opt.realtime) {
+        fprintf(stderr, "%s: --loop plays a file over and over as a camera would send it; add --realtime\n", kCmd);
+        return twcli::kExitUsage;
+    }
+    return 0;
+}
+
 int RunDetect(const DetectOptions& opt) {
     Out& out = Out::Get();
     out.SetJson(opt.json);
@@ -381,6 +405,7 @@ int RunDetect(const DetectOptions& opt) {
         fprintf(stderr, "%s: --shm reads the live FIFO of --camera-id; give no SOURCE with it\n", kCmd);
         return twcli::kExitUsage;
     }
+    if (const int rc = CheckLoop(opt, {opt.source}); rc != 0) return rc;
     if (!opt.report.empty() && !twcli::CheckOutputFile(opt.report, opt.overwrite, {opt.source}, error)) {
         fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
         return twcli::kExitFailure;
@@ -503,7 +528,12 @@ int RunDetect(const DetectOptions& opt) {
             dataEnded = true;
             signals.Wake();
         });
-        const bool started = virtualTime ? pump->StartVirtual(error) : pump->StartRealTime({}, error);
+        // A run cut at --duration tells what the camera had sent by the cut, not what the
+        // pump read ahead of it.
+        if (opt.duration > 0) pump->SetCountLimitUs(epochUs + static_cast<int64_t>(opt.duration * 1e6));
+        tw::host::FifoPump::RealTimeOptions pacing;
+        pacing.loop = opt.loop;
+        const bool started = virtualTime ? pump->StartVirtual(error) : pump->StartRealTime(pacing, error);
         if (!started) {
             fprintf(stderr, "%s: %s\n", kCmd, error.c_str());
             return twcli::kExitFailure;
@@ -513,7 +543,7 @@ int RunDetect(const DetectOptions& opt) {
     const std::string described = opt.shm ? "the live FIFO of camera " + std::to_string(opt.camId) + " stream " +
                                                 std::to_string(opt.streamNo)
                                           : (expected.empty() ? input : std::string("the built-in sample"));
-    printer.Begin(described, CodecName(codec), virtualTime, expected);
+    printer.Begin(described, CodecName(codec), virtualTime, expected, opt.loop);
 
     // --report / --snapshots: the FIFO tells which frame it hands the detector, the event
     // buffer which status follows; the pair is the picture and the value of one turn.
@@ -641,7 +671,8 @@ int RunDetect(const DetectOptions& opt) {
     summary.settings = DetectSettings(opt, opt.camId, region);
     summary.endReason = endReason;
     summary.wallSeconds = wallSec;
-    summary.frames = pump ? pump->GetPacketCount() : 0;
+    const tw::host::FifoPump::Counts sent = pump ? pump->GetCountsBy(summary.endUs) : tw::host::FifoPump::Counts{};
+    summary.frames = sent.packets;
     summary.framesKnown = pump != nullptr;
     summary.file = !live;
     summary.dataEndSec = !live ? dataEndSec : -1;
@@ -649,6 +680,7 @@ int RunDetect(const DetectOptions& opt) {
     summary.watchStartWallUs = epochUs + wallOffsetUs;
     summary.connectSec = connectSec;
     summary.probeSec = probeSec;
+    if (opt.loop && pump) summary.loops = static_cast<int64_t>(sent.loops);
     if (!virtualTime) FillLateness(opt.camId, summary);
     if (report) {
         report->Finish(static_cast<double>(summary.endUs - epochUs) / 1e6);
@@ -679,12 +711,12 @@ int RunDetect(const DetectOptions& opt) {
         }
         if (codec == VIDEO_CODEC_JPEG) {
             in.keyFrames = "every frame (JPEG pictures)";
-        } else if (pump && pump->GetKeyFrameCount() > 0) {
-            const double perKey = static_cast<double>(pump->GetPacketCount()) / static_cast<double>(pump->GetKeyFrameCount());
+        } else if (pump && sent.keyFrames > 0) {
+            const double perKey = static_cast<double>(sent.packets) / static_cast<double>(sent.keyFrames);
             char text[160];
             snprintf(text, sizeof(text), "every %.1f frames on average (%llu key frames in %llu frames)", perKey,
-                     static_cast<unsigned long long>(pump->GetKeyFrameCount()),
-                     static_cast<unsigned long long>(pump->GetPacketCount()));
+                     static_cast<unsigned long long>(sent.keyFrames),
+                     static_cast<unsigned long long>(sent.packets));
             in.keyFrames = text;
             const double frameSec = static_cast<double>(source.GetFrameIntervalUs()) / 1e6;
             if (frameSec > 0) {
@@ -774,6 +806,7 @@ int RunDetectMany(const DetectOptions& opt) {
                 opt.stagger);
         return twcli::kExitUsage;
     }
+    if (const int rc = CheckLoop(opt, opt.sources); rc != 0) return rc;
     if (!opt.realtime) {
         for (const std::string& input : opt.sources) {
             if (!IsUrl(input)) {
@@ -871,8 +904,11 @@ int RunDetectMany(const DetectOptions& opt) {
         });
         tw::host::SetEventListener(*cam.events, [printer](const tw::host::EventRecord& r) { printer->Event(r); });
         if (durationUs > 0) printer->CutAt(cam.epochUs + durationUs, false);
-        printer->Begin(cam.input, CodecName(cam.source.GetCodec()), false, {});
-        if (!cam.pump->StartRealTime({}, error)) {
+        printer->Begin(cam.input, CodecName(cam.source.GetCodec()), false, {}, opt.loop);
+        if (durationUs > 0) cam.pump->SetCountLimitUs(cam.epochUs + durationUs);
+        tw::host::FifoPump::RealTimeOptions pacing;
+        pacing.loop = opt.loop;
+        if (!cam.pump->StartRealTime(pacing, error)) {
             fprintf(stderr, "%s: camera %d: %s\n", kCmd, cam.camId, error.c_str());
             rc = twcli::kExitFailure;
             break;
@@ -949,7 +985,8 @@ int RunDetectMany(const DetectOptions& opt) {
         if (opt.stagger > 0) summary.settings["stagger"] = opt.stagger;
         summary.endReason = reason;
         summary.wallSeconds = wallSec;
-        summary.frames = pump.GetPacketCount();
+        const tw::host::FifoPump::Counts sent = pump.GetCountsBy(summary.endUs);
+        summary.frames = sent.packets;
         summary.framesKnown = true;
         summary.file = !live;
         const double dataEndSec = ended ? static_cast<double>(pump.GetEndTimeUs() - epochUs) / 1e6 : -1;
@@ -959,6 +996,7 @@ int RunDetectMany(const DetectOptions& opt) {
         summary.watchStartWallUs = epochUs + cam->wallOffsetUs;
         summary.connectSec = cam->connectSec;
         summary.probeSec = cam->probeSec;
+        if (opt.loop) summary.loops = static_cast<int64_t>(sent.loops);
         FillLateness(cam->camId, summary);
         cam->printer->End(summary);
     }
@@ -991,6 +1029,9 @@ void RegisterDetectCommand(CLI::App& app, int& exitCode) {
                     "k/n of it) instead of all at once, as independent cameras' key frames never fall together")
         ->check(twcli::Seconds(true));
     cmd->add_flag("--realtime", opt->realtime, "Run a file in real time instead of virtual time");
+    cmd->add_flag("--loop", opt->loop,
+                  "Real time: start each file again at its end, its time running on, as a camera that never "
+                  "stops; the run ends with --duration or a signal");
     cmd->add_flag("--shm", opt->shm, "Read the shared-memory live FIFO that 'twhost stream' fills");
     cmd->add_option("--stream-no", opt->streamNo, "Stream number of the live FIFO (--shm)")->check(twcli::IntIn(0, 7));
     cmd->add_option("--codec", opt->shmCodec,

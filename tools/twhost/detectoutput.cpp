@@ -14,11 +14,11 @@ void DetectPrinter::SetCamera(int camId, bool label) {
 }
 
 void DetectPrinter::Begin(const std::string& input, const std::string& codec, bool virtualTime,
-                          const std::vector<std::pair<double, double>>& expectedMotion) {
+                          const std::vector<std::pair<double, double>>& expectedMotion, bool looping) {
     Out& out = Out::Get();
     if (out.Json()) return;
-    out.Textf("%sDetecting motion in %s (%s), %s", m_strLabel.c_str(), input.c_str(), codec.c_str(),
-              virtualTime ? "virtual time" : "real time");
+    out.Textf("%sDetecting motion in %s (%s), %s%s", m_strLabel.c_str(), input.c_str(), codec.c_str(),
+              virtualTime ? "virtual time" : "real time", looping ? ", looping" : "");
     if (!expectedMotion.empty()) {
         std::string text = "The built-in sample moves during";
         char span[64];
@@ -27,6 +27,7 @@ void DetectPrinter::Begin(const std::string& input, const std::string& codec, bo
                      expectedMotion[i].second);
             text += span;
         }
+        if (looping) text += " of each round";
         out.Text(Label(text));
     }
 }
@@ -115,6 +116,7 @@ void DetectPrinter::End(const Summary& s) {
         v["statuses"] = static_cast<Json::UInt64>(m_Events.size());
         v["maxValue"] = m_MaxValue;
         if (s.snapshots >= 0) v["snapshots"] = s.snapshots;
+        if (s.loops >= 0) v["loops"] = static_cast<Json::Int64>(s.loops);
         if (s.framesKnown) v["frames"] = static_cast<Json::UInt64>(s.frames);
         v["wallSeconds"] = s.wallSeconds;
         if (s.file) {
@@ -147,8 +149,12 @@ void DetectPrinter::End(const Summary& s) {
     }
     out.Text(Label(text));
     if (s.file) {
-        out.Textf("%s%zu statuses, highest value %d, %.1f s of video in %.2f s (%.1fx); %s", m_strLabel.c_str(), m_Events.size(),
-                  m_MaxValue, endSec, s.wallSeconds, speed, s.endReason.c_str());
+        std::string looped;
+        if (s.loops >= 0) {
+            looped = ", the file started again " + std::to_string(s.loops) + (s.loops == 1 ? " time" : " times");
+        }
+        out.Textf("%s%zu statuses, highest value %d, %.1f s of video in %.2f s (%.1fx)%s; %s", m_strLabel.c_str(),
+                  m_Events.size(), m_MaxValue, endSec, s.wallSeconds, speed, looped.c_str(), s.endReason.c_str());
     } else {
         out.Textf("%s%zu statuses, highest value %d, watched %.1f s from %s (connecting %.2f s, probing %.2f s); %s",
                   m_strLabel.c_str(), m_Events.size(), m_MaxValue, endSec, twcli::IsoUtc(s.watchStartWallUs).c_str(),

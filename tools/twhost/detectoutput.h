@@ -21,8 +21,9 @@ public:
     // The camera every JSON line names; label: text lines start with it too (several
     // cameras print into one stream).
     void SetCamera(int camId, bool label);
+    // looping: the file starts again at its end (--loop).
     void Begin(const std::string& input, const std::string& codec, bool virtualTime,
-               const std::vector<std::pair<double, double>>& expectedMotion);
+               const std::vector<std::pair<double, double>>& expectedMotion, bool looping = false);
     // One SetStatus of the detector; called on the detector's thread. Statuses after the
     // cut-off are not the input's and are left out (false).
     bool Event(const tw::host::EventRecord& record);
@@ -44,6 +45,7 @@ public:
         double connectSec = -1;
         double probeSec = -1;
         int snapshots = -1;           // snapshots taken (--report, --snapshots); -1 none asked
+        int64_t loops = -1;           // --loop: times the file started again; -1 not looping
         // Real time: how late the detector's turns started after their 300 ms slots.
         bool latenessKnown = false;
         uint64_t turns = 0;

@@ -159,6 +159,22 @@ public:
     uint64_t GetCorruptCount() const;    // pushed packets that the demuxer flagged
     uint64_t GetErrorCount() const;      // read errors (the pump ends at the first)
     uint64_t GetLoopCount() const;       // times a looping file started again
+
+    // What the camera had sent by host-clock time timeUs: the packets, key frames and
+    // restarts of a looping file whose time had come. Ahead of the clock the pump hands
+    // packets over before their time, so the totals above run up to a second ahead of a
+    // run's end. Exact for a timeUs up to 30 s before the clock's time at the latest
+    // hand-over, and for the count limit when one is set.
+    struct Counts {
+        uint64_t packets = 0;
+        uint64_t keyFrames = 0;
+        uint64_t loops = 0;
+    };
+    Counts GetCountsBy(int64_t timeUs) const;
+    // Packets due after this host-clock time are left out of GetCountsBy: a run judged up to
+    // a cut-off asks for the counts at the cut-off after the pump ran past it. Set it before
+    // the pump gets there.
+    void SetCountLimitUs(int64_t timeUs);
     // Called once, on the thread that found it, when the source is exhausted (or failed),
     // with the host-clock time of the last packet: in virtual time that is the reader's
     // own thread, before it can wait again, so the clock can be held at the end of data.
