@@ -10,14 +10,22 @@
 # Usage: live_cameras.sh [BUILD_DIR] [COUNTS] [SECONDS]
 #   BUILD_DIR  build tree holding bin/twhost (default: ../build next to this script)
 #   COUNTS     numbers of cameras, quoted, e.g. "1 8 16 32 80" (default "1 8 16 32")
-#   SECONDS    length of the clip, i.e. of each run (default 20)
+#   SECONDS    length of the clip, i.e. of each run in step (default 20); a run apart
+#              lasts twice that
 #
 # The clip is written with "twhost sample" into a temporary directory and removed at exit.
 # CPU figures are the user + system time of the whole twhost process, set-up included.
-# The cameras start one after another over one second (--stagger 1, the clip's GOP): copies
-# of one file started together would have their key frames, and so their decodes, in
-# lock-step, which no set of real cameras has. STAGGER=0 in the environment starts them
-# all at once, the worst case. BITRATE (kbit/s, default 4000, as a camera set for 1080p
+# Each count runs twice:
+# - in step: the cameras start one after another over one second (--stagger 1, the clip's
+#   GOP), each from the clip's start. Copies of one file started together would have their
+#   key frames, and so their decodes, in lock-step; STAGGER=0 in the environment starts
+#   them so, the worst case. Even staggered, all show the same second of the clip at once,
+#   and the seconds with its largest key frames ask every camera for its costliest decode
+#   together, which no set of real cameras on different scenes does.
+# - apart: each camera loops the clip (--loop) and they start over its whole length
+#   (--stagger SECONDS), so each shows a different second of it; every camera then runs
+#   for SECONDS (--duration), the last SECONDS of the run with all of them at once.
+# BITRATE (kbit/s, default 4000, as a camera set for 1080p
 # sends) sets the clip's bit rate; BITRATE= (empty) keeps the sample's grain at constant
 # quality, key frames of about 520 KiB.
 
@@ -77,21 +85,30 @@ awk -v off="$cpuOffline" -v live="$cpuLive" -v s="$SECONDS_" 'BEGIN {
 }'
 
 echo
-echo "cameras  CPU/camera (% of a core)  cameras/core  turns  late p99 (worst camera)  late max  turns >100 ms"
-for n in $COUNTS; do
+# One row of a table: n cameras; in step (MODE=step) or apart (MODE=apart).
+run_count() {
+    n=$1
+    mode=$2
     set --
     i=0
     while [ "$i" -lt "$n" ]; do
         set -- "$@" "$CLIP"
         i=$((i + 1))
     done
-    if [ "$n" -gt 1 ]; then
-        run_detect "$@" --realtime --stagger "$STAGGER"
-    else
+    if [ "$n" -eq 1 ]; then
         run_detect "$@" --realtime
+        camSeconds=0
+    elif [ "$mode" = step ]; then
+        run_detect "$@" --realtime --stagger "$STAGGER"
+        camSeconds=0
+    else
+        # Camera k of n starts k/n of the clip's length after the first and all run until
+        # the last has had its SECONDS_: n * SECONDS_ + SECONDS_ * (n - 1) / 2 camera-seconds.
+        run_detect "$@" --realtime --loop --stagger "$SECONDS_" --duration "$SECONDS_"
+        camSeconds=$(awk -v n="$n" -v s="$SECONDS_" 'BEGIN { print n * s + s * (n - 1) / 2 }')
     fi
     cpu=$RUN_CPU
-    grep '"type":"summary"' "$WORK/out.json" | awk -v n="$n" -v cpu="$cpu" '
+    grep '"type":"summary"' "$WORK/out.json" | awk -v n="$n" -v cpu="$cpu" -v camSeconds="$camSeconds" '
         function field(line, name,   s) {
             if (!match(line, "\"" name "\":[0-9.eE+-]+")) return "";
             s = substr(line, RSTART, RLENGTH);
@@ -110,7 +127,27 @@ for n in $COUNTS; do
         }
         END {
             if (cams != n) { printf "live_cameras: %d summaries for %d cameras\n", cams, n > "/dev/stderr"; exit 1 }
-            perCam = 100 * cpu / wall / n;
+            if (camSeconds <= 0) camSeconds = wall * n;
+            perCam = 100 * cpu / camSeconds;
             printf "%7d  %25.2f  %12.0f  %5d  %20.1f ms  %6.1f ms  %13d\n", n, perCam, 100 / perCam, turns, p99, max, over;
         }'
+}
+
+HEADER="cameras  CPU/camera (% of a core)  cameras/core  turns  late p99 (worst camera)  late max  turns >100 ms"
+echo
+echo "copies in step: the cameras start over $STAGGER s, each at the clip's start, so at any moment"
+echo "they all show the same second of it, its largest key frames included"
+echo "$HEADER"
+for n in $COUNTS; do
+    run_count "$n" step
+done
+
+echo
+echo "copies apart: each camera plays the clip over and over (--loop) and they start over its"
+echo "$SECONDS_ s, so at any moment they show different seconds of it, as cameras on different"
+echo "scenes do; all run until the last has had $SECONDS_ s (CPU per camera-second)"
+echo "$HEADER"
+for n in $COUNTS; do
+    [ "$n" -gt 1 ] || continue
+    run_count "$n" apart
 done
