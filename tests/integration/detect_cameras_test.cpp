@@ -27,15 +27,20 @@ class DetectCameras : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(m_Dir.Ok());
+        m_Clip = m_Dir.File("clip.mp4");
+        ASSERT_NO_FATAL_FAILURE(WriteStillClip(m_Clip, 2));
+    }
+
+    // A small H.264 clip at 25 fps, a key frame every five frames.
+    static void WriteStillClip(const std::string& path, double seconds) {
         tw::host::ClipSpec clip;
         clip.width = 160;
         clip.height = 96;
         clip.codec = VIDEO_CODEC_H264;
         clip.gop = 5;
-        clip.durationSec = 2;
-        m_Clip = m_Dir.File("clip.mp4");
+        clip.durationSec = seconds;
         std::string error;
-        ASSERT_TRUE(tw::host::WriteClip(clip, m_Clip, error)) << error;
+        ASSERT_TRUE(tw::host::WriteClip(clip, path, error)) << error;
     }
 
     // Exit 2 with one line on stderr that holds every given part; nothing on stdout.
@@ -120,20 +125,14 @@ TEST_F(DetectCameras, RealTimeRunCutByDurationCountsTheFramesSentByTheCut) {
 
 TEST_F(DetectCameras, LoopingCamerasPlayTheirFileAgainAndTellHowOften) {
     // 0.2 s: five frames 40 ms apart, each round 200 ms after the one before.
-    tw::host::ClipSpec clip;
-    clip.width = 160;
-    clip.height = 96;
-    clip.codec = VIDEO_CODEC_H264;
-    clip.gop = 5;
-    clip.durationSec = 0.2;
     const std::string shortClip = m_Dir.File("short.mp4");
-    std::string error;
-    ASSERT_TRUE(tw::host::WriteClip(clip, shortClip, error)) << error;
+    ASSERT_NO_FATAL_FAILURE(WriteStillClip(shortClip, 0.2));
 
     const ChildResult r =
         Twhost({"detect", shortClip, shortClip, "--realtime", "--loop", "--duration", "1", "--json"});
     ASSERT_TRUE(r.exited && r.exitCode == 0) << r.Describe() << "\n" << r.err;
     std::vector<Json::Value> lines;
+    std::string error;
     ASSERT_TRUE(tw::test::ParseJsonLines(r.out, lines, error)) << error;
     const std::vector<std::string> problems = tw::test::CheckJsonLines("twhost detect", lines);
     EXPECT_TRUE(problems.empty()) << problems.front();
