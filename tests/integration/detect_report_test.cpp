@@ -307,6 +307,28 @@ TEST_F(DetectReport, ExistingPageIsReplacedOnlyWithOverwrite) {
     EXPECT_TRUE(Contains(missing.err, "cannot write the report into '" + m_Dir.File("missing") + "'")) << missing.err;
 }
 
+TEST_F(DetectReport, LoopingRunSaysSoAndCountsOnlyTheFramesSentByItsEnd) {
+    // 0.4 s at 25 fps played for 1 s: rounds start at 0.4 and 0.8 s, the next would at 1.2.
+    tw::host::ClipSpec clip;
+    clip.width = 160;
+    clip.height = 96;
+    clip.codec = VIDEO_CODEC_H264;
+    clip.gop = 5;
+    clip.durationSec = 0.4;
+    const std::string input = m_Dir.File("short.mp4");
+    std::string error;
+    ASSERT_TRUE(tw::host::WriteClip(clip, input, error)) << error;
+    const std::string page = m_Dir.File("loop.html");
+    const ChildResult r = Twhost({"detect", input, "--realtime", "--loop", "--duration", "1", "--report", page});
+    ASSERT_TRUE(r.exited && r.exitCode == 0) << r.Describe() << r.err;
+    const std::string html = ReadAll(page);
+    EXPECT_TRUE(Contains(html, "<td>real time, the file looping (started again 2 times)</td>")) << html.substr(0, 3000);
+    // The frames at 0 to 0.96 s, and the one at 1.0 s unless the pump started after the
+    // run's epoch (it does, by microseconds); not the second the pump read ahead.
+    EXPECT_TRUE(Contains(html, "Frames read</th><td>25</td>") || Contains(html, "Frames read</th><td>26</td>"))
+        << html.substr(0, 3000);
+}
+
 TEST_F(DetectReport, LongInputKeepsEveryIntervalThinsTheLineAndCapsTheSnapshots) {
     // 500 s at 5 frames a second, every frame a key frame: a new frame for each 300 ms turn,
     // about 1670 turns, and a movement every 16 s.

@@ -727,6 +727,10 @@ int RunDetect(const DetectOptions& opt) {
             in.keyFrames = report->KeyFramesSeen();
         }
         in.timeMode = virtualTime ? "virtual time (judged as live, as fast as decoding allows)" : "real time";
+        if (opt.loop) {
+            in.timeMode += ", the file looping (started again " + std::to_string(sent.loops) +
+                           (sent.loops == 1 ? " time)" : " times)");
+        }
         if (live) in.watchStart = twcli::IsoUtc(summary.watchStartWallUs);
         in.endReason = endReason;
         in.frames = summary.frames;
