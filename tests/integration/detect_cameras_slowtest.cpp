@@ -104,11 +104,7 @@ TEST_F(DetectCamerasLive, LoopingFileIsJudgedAgainInEveryRound) {
     const ChildResult r = tw::test::RunChild({TW_TWHOST_BIN, "detect", moving, "--realtime", "--loop", "--json",
                                               "--sensitivity", "90", "--duration", "6"});
     ASSERT_TRUE(r.exited && r.exitCode == 0) << r.Describe() << "\n" << r.err;
-    std::vector<Json::Value> lines;
-    std::string error;
-    ASSERT_TRUE(tw::test::ParseJsonLines(r.out, lines, error)) << error;
-    const std::vector<std::string> problems = tw::test::CheckJsonLines("twhost detect", lines);
-    ASSERT_TRUE(problems.empty()) << problems.front();
+    const std::vector<Json::Value> lines = tw::test::ParseCheckedJsonLines("twhost detect", r.out);
     const std::vector<Json::Value> summaries = tw::test::LinesOfType(lines, "summary");
     ASSERT_EQ(summaries.size(), 1u) << r.out;
     const Json::Value& s = summaries[0];

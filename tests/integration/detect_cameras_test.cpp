@@ -110,10 +110,8 @@ TEST_F(DetectCameras, LoopWithAStreamAmongTheSourcesIsRefusedNamingIt) {
 TEST_F(DetectCameras, RealTimeRunCutByDurationCountsTheFramesSentByTheCut) {
     const ChildResult r = Twhost({"detect", m_Clip, "--realtime", "--duration", "1", "--json"});
     ASSERT_TRUE(r.exited && r.exitCode == 0) << r.Describe() << "\n" << r.err;
-    std::vector<Json::Value> lines;
-    std::string error;
-    ASSERT_TRUE(tw::test::ParseJsonLines(r.out, lines, error)) << error;
-    const std::vector<Json::Value> summaries = tw::test::LinesOfType(lines, "summary");
+    const std::vector<Json::Value> summaries =
+        tw::test::LinesOfType(tw::test::ParseCheckedJsonLines("twhost detect", r.out), "summary");
     ASSERT_EQ(summaries.size(), 1u) << r.out;
     EXPECT_EQ(summaries[0]["endReason"].asString(), "duration reached");
     // 25 fps: the frames at 0 to 0.96 s, and the one at 1.0 s unless the pump started a
@@ -131,12 +129,8 @@ TEST_F(DetectCameras, LoopingCamerasPlayTheirFileAgainAndTellHowOften) {
     const ChildResult r =
         Twhost({"detect", shortClip, shortClip, "--realtime", "--loop", "--duration", "1", "--json"});
     ASSERT_TRUE(r.exited && r.exitCode == 0) << r.Describe() << "\n" << r.err;
-    std::vector<Json::Value> lines;
-    std::string error;
-    ASSERT_TRUE(tw::test::ParseJsonLines(r.out, lines, error)) << error;
-    const std::vector<std::string> problems = tw::test::CheckJsonLines("twhost detect", lines);
-    EXPECT_TRUE(problems.empty()) << problems.front();
-    const std::vector<Json::Value> summaries = tw::test::LinesOfType(lines, "summary");
+    const std::vector<Json::Value> summaries =
+        tw::test::LinesOfType(tw::test::ParseCheckedJsonLines("twhost detect", r.out), "summary");
     ASSERT_EQ(summaries.size(), 2u) << r.out;
     for (const Json::Value& s : summaries) {
         EXPECT_EQ(s["endReason"].asString(), "duration reached") << s;

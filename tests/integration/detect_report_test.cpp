@@ -24,6 +24,7 @@
 #include "tw/decode.h"
 #include "twhost/clipmaker.h"
 #include "support/pngdecode.h"
+#include "support/testenv.h"
 
 namespace {
 
@@ -127,15 +128,6 @@ std::vector<std::string> Files(const std::string& dir) {
     return names;
 }
 
-std::vector<Json::Value> ParseLines(const ChildResult& r, const std::string& command) {
-    std::vector<Json::Value> lines;
-    std::string error;
-    EXPECT_TRUE(tw::test::ParseJsonLines(r.out, lines, error)) << error;
-    const std::vector<std::string> problems = tw::test::CheckJsonLines(command, lines);
-    EXPECT_TRUE(problems.empty()) << problems.front();
-    return lines;
-}
-
 class DetectReport : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(m_Dir.Ok()); }
@@ -146,7 +138,7 @@ TEST_F(DetectReport, PageOfTheSampleHoldsItsTurnsIntervalsAndSnapshots) {
     const std::string page = m_Dir.File("sample.html");
     const ChildResult r = Twhost({"detect", "--report", page, "--json"});
     ASSERT_TRUE(r.exited && r.exitCode == 0) << r.Describe() << r.err;
-    const std::vector<Json::Value> lines = ParseLines(r, "twhost detect");
+    const std::vector<Json::Value> lines = tw::test::ParseCheckedJsonLines("twhost detect", r.out);
     const std::vector<Json::Value> statuses = tw::test::LinesOfType(lines, "status");
     const std::vector<Json::Value> snapshots = tw::test::LinesOfType(lines, "snapshot");
     const std::vector<Json::Value> summaries = tw::test::LinesOfType(lines, "summary");
@@ -257,7 +249,8 @@ TEST_F(DetectReport, SnapshotFilesAreNamedByTimeWithAJsonLineEach) {
     const std::string dir = m_Dir.File("shots");
     const ChildResult r = Twhost({"detect", "--snapshots", dir, "--json"});
     ASSERT_TRUE(r.exited && r.exitCode == 0) << r.Describe() << r.err;
-    const std::vector<Json::Value> snapshots = tw::test::LinesOfType(ParseLines(r, "twhost detect"), "snapshot");
+    const std::vector<Json::Value> snapshots =
+        tw::test::LinesOfType(tw::test::ParseCheckedJsonLines("twhost detect", r.out), "snapshot");
     ASSERT_EQ(snapshots.size(), 4u) << r.out;
     std::vector<std::string> expected;
     for (const Json::Value& s : snapshots) {
@@ -309,15 +302,9 @@ TEST_F(DetectReport, ExistingPageIsReplacedOnlyWithOverwrite) {
 
 TEST_F(DetectReport, LoopingRunSaysSoAndCountsOnlyTheFramesSentByItsEnd) {
     // 0.4 s at 25 fps played for 1 s: rounds start at 0.4 and 0.8 s, the next would at 1.2.
-    tw::host::ClipSpec clip;
-    clip.width = 160;
-    clip.height = 96;
-    clip.codec = VIDEO_CODEC_H264;
-    clip.gop = 5;
-    clip.durationSec = 0.4;
     const std::string input = m_Dir.File("short.mp4");
     std::string error;
-    ASSERT_TRUE(tw::host::WriteClip(clip, input, error)) << error;
+    ASSERT_TRUE(tw::host::WriteClip(tw::test::SmallClip(VIDEO_CODEC_H264, 0.4, {}), input, error)) << error;
     const std::string page = m_Dir.File("loop.html");
     const ChildResult r = Twhost({"detect", input, "--realtime", "--loop", "--duration", "1", "--report", page});
     ASSERT_TRUE(r.exited && r.exitCode == 0) << r.Describe() << r.err;
@@ -347,7 +334,7 @@ TEST_F(DetectReport, LongInputKeepsEveryIntervalThinsTheLineAndCapsTheSnapshots)
     const std::string page = m_Dir.File("long.html");
     const ChildResult r = Twhost({"detect", path, "--report", page, "--snapshot-intervals", "5", "--json"});
     ASSERT_TRUE(r.exited && r.exitCode == 0) << r.Describe() << r.err;
-    const std::vector<Json::Value> lines = ParseLines(r, "twhost detect");
+    const std::vector<Json::Value> lines = tw::test::ParseCheckedJsonLines("twhost detect", r.out);
     const Json::Value summary = tw::test::LinesOfType(lines, "summary").at(0);
     const std::string html = ReadAll(page);
     const auto svg = Tags(html, "<svg id=\"timeline\"").at(0);
@@ -458,7 +445,7 @@ TEST_F(RegionCommand, BadRegionIsBadUsageNamingIt) {
 TEST_F(RegionCommand, JsonSummaryCarriesTheStringAndThePicture) {
     const ChildResult r = Twhost({"region", "--region", "30,20-39,29;0,0", "--json"});
     ASSERT_TRUE(r.exited && r.exitCode == 0) << r.Describe() << r.err;
-    const std::vector<Json::Value> lines = ParseLines(r, "twhost region");
+    const std::vector<Json::Value> lines = tw::test::ParseCheckedJsonLines("twhost region", r.out);
     ASSERT_EQ(lines.size(), 1u);
     std::string cells = ExpectedCells(30, 20, 39, 29);
     cells[0] = '1';
@@ -469,7 +456,7 @@ TEST_F(RegionCommand, JsonSummaryCarriesTheStringAndThePicture) {
     const std::string out = m_Dir.File("sample.jpg");
     const ChildResult s = Twhost({"region", "--region", "all", "--out", out, "--json"});
     ASSERT_TRUE(s.exited && s.exitCode == 0) << s.Describe() << s.err;
-    const std::vector<Json::Value> sl = ParseLines(s, "twhost region");
+    const std::vector<Json::Value> sl = tw::test::ParseCheckedJsonLines("twhost region", s.out);
     ASSERT_EQ(sl.size(), 1u);
     EXPECT_EQ(sl[0]["output"].asString(), out);
     EXPECT_EQ(sl[0]["width"].asInt(), 640);

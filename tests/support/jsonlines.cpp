@@ -1,5 +1,7 @@
 #include "support/jsonlines.h"
 
+#include <gtest/gtest.h>
+
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -109,6 +111,15 @@ std::vector<Json::Value> LinesOfType(const std::vector<Json::Value>& lines, cons
         if (v["type"].asString() == type) out.push_back(v);
     }
     return out;
+}
+
+std::vector<Json::Value> ParseCheckedJsonLines(const std::string& command, const std::string& out) {
+    std::vector<Json::Value> lines;
+    std::string error;
+    EXPECT_TRUE(ParseJsonLines(out, lines, error)) << error;
+    const std::vector<std::string> problems = CheckJsonLines(command, lines);
+    EXPECT_TRUE(problems.empty()) << problems.front();
+    return lines;
 }
 
 }  // namespace tw::test

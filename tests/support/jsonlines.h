@@ -31,4 +31,8 @@ std::vector<std::string> CheckJsonLines(const std::string& command, const std::v
 // The lines of one type.
 std::vector<Json::Value> LinesOfType(const std::vector<Json::Value>& lines, const std::string& type);
 
+// ParseJsonLines and CheckJsonLines together, for a test: a line that does not parse or
+// does not conform fails the calling test (not fatally); the lines that parsed.
+std::vector<Json::Value> ParseCheckedJsonLines(const std::string& command, const std::string& out);
+
 }  // namespace tw::test

@@ -511,6 +511,7 @@ int RunDetect(const DetectOptions& opt) {
     std::unique_ptr<tw::host::FifoPump> pump;
     if (!opt.shm) pump = std::make_unique<tw::host::FifoPump>(source, fifo);
     const int64_t epochUs = clock.NowUs();
+    const int64_t durationUs = opt.duration > 0 ? static_cast<int64_t>(opt.duration * 1e6) : -1;
     const int64_t wallOffsetUs = twcli::WallNowUs() - clock.NowUs();
     DetectPrinter printer(epochUs, live ? wallOffsetUs : 0, live);
     printer.SetCamera(opt.camId, false);
@@ -530,7 +531,7 @@ int RunDetect(const DetectOptions& opt) {
         });
         // A run cut at --duration tells what the camera had sent by the cut, not what the
         // pump read ahead of it.
-        if (opt.duration > 0) pump->SetCountLimitUs(epochUs + static_cast<int64_t>(opt.duration * 1e6));
+        if (durationUs > 0) pump->SetCountLimitUs(epochUs + durationUs);
         tw::host::FifoPump::RealTimeOptions pacing;
         pacing.loop = opt.loop;
         const bool started = virtualTime ? pump->StartVirtual(error) : pump->StartRealTime(pacing, error);
@@ -584,7 +585,6 @@ int RunDetect(const DetectOptions& opt) {
                           {9, std::to_string(opt.shortLive)}});
 
     const auto realStart = std::chrono::steady_clock::now();
-    const int64_t durationUs = opt.duration > 0 ? static_cast<int64_t>(opt.duration * 1e6) : -1;
     if (durationUs > 0) printer.CutAt(epochUs + durationUs, false);
     const int64_t announcedUs = pump ? pump->GetExpectedEndTimeUs() : -1;
     // In virtual time the detector may not run past what the file is known to hold: the
@@ -728,8 +728,7 @@ int RunDetect(const DetectOptions& opt) {
         }
         in.timeMode = virtualTime ? "virtual time (judged as live, as fast as decoding allows)" : "real time";
         if (opt.loop) {
-            in.timeMode += ", the file looping (started again " + std::to_string(sent.loops) +
-                           (sent.loops == 1 ? " time)" : " times)");
+            in.timeMode += ", the file looping (" + StartedAgainText(sent.loops) + ")";
         }
         if (live) in.watchStart = twcli::IsoUtc(summary.watchStartWallUs);
         in.endReason = endReason;

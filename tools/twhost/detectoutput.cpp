@@ -7,6 +7,10 @@ using twcli::Out;
 DetectPrinter::DetectPrinter(int64_t epochUs, int64_t wallOffsetUs, bool live)
     : m_EpochUs(epochUs), m_WallOffsetUs(wallOffsetUs), m_blLive(live) {}
 
+std::string StartedAgainText(uint64_t loops) {
+    return "started again " + std::to_string(loops) + (loops == 1 ? " time" : " times");
+}
+
 void DetectPrinter::SetCamera(int camId, bool label) {
     std::lock_guard<std::mutex> lock(m_Mutex);
     m_CamId = camId;
@@ -151,7 +155,7 @@ void DetectPrinter::End(const Summary& s) {
     if (s.file) {
         std::string looped;
         if (s.loops >= 0) {
-            looped = ", the file started again " + std::to_string(s.loops) + (s.loops == 1 ? " time" : " times");
+            looped = ", the file " + StartedAgainText(static_cast<uint64_t>(s.loops));
         }
         out.Textf("%s%zu statuses, highest value %d, %.1f s of video in %.2f s (%.1fx)%s; %s", m_strLabel.c_str(),
                   m_Events.size(), m_MaxValue, endSec, s.wallSeconds, speed, looped.c_str(), s.endReason.c_str());

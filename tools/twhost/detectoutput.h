@@ -13,6 +13,9 @@
 
 #include "twhost/eventlog.h"
 
+// "started again N time(s)": how a looping file's restarts are told, in text and on the page.
+std::string StartedAgainText(uint64_t loops);
+
 class DetectPrinter {
 public:
     // epochUs: host-clock time of t = 0. wallOffsetUs: added to a host-clock time gives the
