@@ -353,10 +353,9 @@ BENCHMARK(BM_Turn_H264_DecodeExact)
     ->UseRealTime()
     ->MeasureProcessCPUTime();
 
-void BM_Turn_H264_Scale(benchmark::State& state)
+// DoFFMpegScale of the decoder's picture at the detector's size, once per iteration.
+void ScaleEachIteration(benchmark::State& state, H264Decoder& decoder)
 {
-    H264Decoder decoder;
-    decoder.Decode(Inputs::Get().h264[kPainted].frames[0]);
     for (auto _ : state) {
         int w = kDetWidth;
         int h = kDetHeight;
@@ -366,10 +365,38 @@ void BM_Turn_H264_Scale(benchmark::State& state)
         }
         benchmark::DoNotOptimize(decoder.pImage[0]);
     }
+}
+
+void BM_Turn_H264_Scale(benchmark::State& state)
+{
+    H264Decoder decoder;
+    decoder.Decode(Inputs::Get().h264[kPainted].frames[0]);
+    ScaleEachIteration(state, decoder);
     state.SetLabel("1920x1080 yuv420p -> " + SizeLabel(kDetWidth, kDetHeight) +
                    " RGB, block sums read from the picture");
 }
 BENCHMARK(BM_Turn_H264_Scale)->Unit(benchmark::kMicrosecond)->UseRealTime()->MeasureProcessCPUTime();
+
+// The scale of a picture whose block sums the decoder gathered while decoding it: only the
+// area average of the sums and its conversion to RGB are left.
+void BM_Turn_H264_ScaleFromDecodeSums(benchmark::State& state)
+{
+    H264Decoder decoder;
+    const auto& frames = Inputs::Get().h264[kPainted].frames;
+    decoder.Decode(frames[0]);
+    decoder.ScaledRgb();   // the decoder learns the size
+    decoder.Decode(frames[1]);
+    ScaleEachIteration(state, decoder);
+    if (tw::host::ScalesFromDecodeSums(decoder.attr) != uint64_t(state.iterations())) {
+        state.SkipWithError("the sums were not gathered while decoding");
+    }
+    state.SetLabel("1920x1080 yuv420p -> " + SizeLabel(kDetWidth, kDetHeight) +
+                   " RGB, block sums gathered while decoding");
+}
+BENCHMARK(BM_Turn_H264_ScaleFromDecodeSums)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime()
+    ->MeasureProcessCPUTime();
 
 // The scale as it was: libswscale converts and area-scales the full picture.
 void BM_Turn_H264_ScaleFull(benchmark::State& state)
@@ -564,9 +591,16 @@ void WholeTurn(benchmark::State& state, int camId, int codec, const FramePair& p
             break;
         }
     }
-    state.SetLabel(std::string(SceneName(int(state.range(0)))) + " -> " +
-                   SizeLabel(prepared.Attr().width, prepared.Attr().height) + ", last value " +
-                   std::to_string(result));
+    std::string label = std::string(SceneName(int(state.range(0)))) + " -> " +
+                        SizeLabel(prepared.Attr().width, prepared.Attr().height) +
+                        ", last value " + std::to_string(result);
+    if (codec != VIDEO_CODEC_JPEG) {
+        // Which way the block sums went: gathered while decoding, or read back after.
+        label += ", sums while decoding " +
+                 std::to_string(tw::host::ScalesFromDecodeSums(prepared.Attr().ffmpeg)) +
+                 " of " + std::to_string(state.iterations() + kWarmUpTurns) + " turns";
+    }
+    state.SetLabel(label);
     state.counters["motion_share"] =
         benchmark::Counter(double(motions) / double(state.iterations() ? state.iterations() : 1));
 }
@@ -576,6 +610,20 @@ void BM_Turn_H264_Whole(benchmark::State& state)
     WholeTurn(state, kCamH264, VIDEO_CODEC_H264, Inputs::Get().h264[state.range(0)]);
 }
 BENCHMARK(BM_Turn_H264_Whole)
+    ->Apply(BothScenes)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MeasureProcessCPUTime();
+
+// The same turns with every picture's block sums read back after its decode, as before the
+// decoder gathered them.
+void BM_Turn_H264_WholeReadBack(benchmark::State& state)
+{
+    tw::host::SetSumsWhileDecoding(false);
+    WholeTurn(state, kCamH264, VIDEO_CODEC_H264, Inputs::Get().h264[state.range(0)]);
+    tw::host::SetSumsWhileDecoding(true);
+}
+BENCHMARK(BM_Turn_H264_WholeReadBack)
     ->Apply(BothScenes)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()

@@ -9,6 +9,7 @@
 #include "twhost/decodeerror.h"
 #include "twhost/decodegate.h"
 #include "twhost/decodetuning.h"
+#include "bandsums.h"
 #include "boxreduce.h"
 
 #include <csetjmp>
@@ -326,12 +327,17 @@ AVCodecContext* OpenDecoder(int codec, const unsigned char* extra, int extraLen,
     // on one thread), and a camera's bad packet must not take the recorder's daemon down.
     pCtx->thread_type = FF_THREAD_SLICE;
     pCtx->thread_count = id == AV_CODEC_ID_HEVC ? 1 : 0;
+    if (!BandSums::Attach(pCtx)) {
+        SetDecodeError("DoFFMpegInitVideo: out of memory for the %s decoder", pCodec->name);
+        avcodec_free_context(&pCtx);
+        return nullptr;
+    }
     const int ret = avcodec_open2(pCtx, pCodec, nullptr);
     if (ret < 0) {
         char szErr[AV_ERROR_MAX_STRING_SIZE];
         SetDecodeError("DoFFMpegInitVideo: cannot open the %s decoder: %s", pCodec->name,
                        AvErrorText(ret, szErr, sizeof(szErr)));
-        avcodec_free_context(&pCtx);
+        BandSums::FreeContext(pCtx);
         return nullptr;
     }
     return pCtx;
@@ -416,13 +422,9 @@ AVDiscard DetectionLoopFilter(int codec)
 // target size is then converted to RGB with libswscale's coefficients. An area average of whole blocks is
 // exactly what area averaging does on those blocks, so the result differs from libswscale's
 // full-picture path by rounding. Pictures too small to reduce, the formats the sums do not
-// cover, and callers that ask for another libswscale filter keep the full path.
-
-struct PlaneLayout {
-    int planes = 0;         // 1 (grey) or 3 (Y, U, V)
-    int chromaShiftX = 0;   // log2 of the chroma subsampling
-    int chromaShiftY = 0;
-};
+// cover, and callers that ask for another libswscale filter keep the full path. An H.264
+// decoder takes the sums while it decodes the picture, as the rows come out of it
+// (bandsums.h); the others, and every picture it cannot vouch for, are read back after.
 
 // The layouts we reduce: 8-bit planar YUV (any subsampling) and 8-bit grey, one component
 // per plane. Everything else (packed, high depth, alpha, RGB, palettes) keeps the full path.
@@ -502,45 +504,23 @@ void ReduceFactors(int srcWidth, int srcHeight, int format, int dstWidth, int ds
     fy = EdgeFactor(srcHeight, dstHeight, layout.chromaShiftY);
 }
 
-// The reduced planes of the calling thread's last picture, as block sums. A detector's
-// thread scales one picture at a time, so one set per thread is reused from turn to turn.
-struct ReducedPicture {
-    std::vector<uint16_t> sums;
-    PlaneSums planes[3];
-};
+// The reduced planes of the calling thread's last picture, when they were not gathered
+// during its decode. A detector's thread scales one picture at a time, so one set per
+// thread is reused from turn to turn.
 thread_local ReducedPicture t_Reduced;
 
 // Fills t_Reduced from pFrame. False when out of memory.
 bool ReducePicture(const AVFrame* pFrame, const PlaneLayout& layout, int fx, int fy)
 {
     ReducedPicture& r = t_Reduced;
-    int widths[3] = {pFrame->width / fx, 0, 0};
-    int heights[3] = {pFrame->height / fy, 0, 0};
-    for (int p = 1; p < layout.planes; ++p) {
-        // Rounded up as the decoders round the chroma planes of odd sizes; a factor above 1
-        // always divides the edge into whole chroma blocks, so there it is exact.
-        widths[p] = AV_CEIL_RSHIFT(widths[0], layout.chromaShiftX);
-        heights[p] = AV_CEIL_RSHIFT(heights[0], layout.chromaShiftY);
-    }
-    size_t total = 0;
-    size_t offsets[3] = {0, 0, 0};
-    for (int p = 0; p < layout.planes; ++p) {
-        offsets[p] = total;
-        total += size_t(widths[p]) * size_t(heights[p]);
-    }
-    try {
-        r.sums.resize(total);
-    } catch (const std::bad_alloc&) {
+    if (!r.Size(pFrame->width, pFrame->height, layout, fx, fy)) {
         return false;
     }
     for (int p = 0; p < layout.planes; ++p) {
-        PlaneSums& plane = r.planes[p];
-        plane.data = r.sums.data() + offsets[p];
-        plane.stride = widths[p];
-        plane.width = widths[p];
-        plane.height = heights[p];
-        if (!BoxSumPlaneOf(pFrame->data[p], pFrame->linesize[p], fx, fy, widths[p], heights[p],
-                           r.sums.data() + offsets[p], widths[p], BoxKernel::Best)) {
+        const PlaneSums& plane = r.planes[p];
+        if (!BoxSumPlaneOf(pFrame->data[p], pFrame->linesize[p], fx, fy, plane.width,
+                           plane.height, r.Out(p), plane.stride,
+                           BoxKernel::Best)) {
             return false;
         }
     }
@@ -621,13 +601,22 @@ int ScaleWithSwscale(FFmpegAttr& attr, unsigned char* out, int width, int height
 }
 
 // The reduced path: block sums, then their area average converted to RGB.
-int ScaleReduced(const AVFrame* pFrame, const PlaneLayout& layout, int fx, int fy,
+int ScaleReduced(FFmpegAttr& attr, const PlaneLayout& layout, int fx, int fy,
                  unsigned char* out, int width, int height)
 {
-    if (!ReducePicture(pFrame, layout, fx, fy)) {
-        SetDecodeError("DoFFMpegScale: out of memory for the reduced %dx%d picture",
-                       pFrame->width / fx, pFrame->height / fy);
-        return -1;
+    const AVFrame* pFrame = attr.pFrame;
+    BandSums* pBands = BandSums::Of(attr.pCodecCtx);
+    const ReducedPicture* pSums = pBands ? pBands->Take(pFrame, layout, fx, fy) : nullptr;
+    if (pSums == nullptr) {
+        if (!ReducePicture(pFrame, layout, fx, fy)) {
+            SetDecodeError("DoFFMpegScale: out of memory for the reduced %dx%d picture",
+                           pFrame->width / fx, pFrame->height / fy);
+            return -1;
+        }
+        pSums = &t_Reduced;
+    }
+    if (pBands != nullptr) {
+        pBands->Learn(pFrame->width, pFrame->height, pFrame->format, layout, fx, fy);
     }
     AVPixelFormat plainFormat = AV_PIX_FMT_NONE;
     int colorspace = SWS_CS_DEFAULT;
@@ -637,7 +626,7 @@ int ScaleReduced(const AVFrame* pFrame, const PlaneLayout& layout, int fx, int f
     // chroma planes are not subsampled at all; the same here.
     const bool fullChroma =
         width % 2 != 0 || (layout.chromaShiftX == 0 && layout.chromaShiftY == 0);
-    if (!AreaToRgb(t_Reduced.planes, layout.planes, fx * fy, fullChroma,
+    if (!AreaToRgb(pSums->planes, layout.planes, fx * fy, fullChroma,
                    RgbMatrixOf(colorspace, blFullRange), out, width, height)) {
         SetDecodeError("DoFFMpegScale: out of memory scaling to %dx%d", width, height);
         return -1;
@@ -674,7 +663,7 @@ int ScalePicture(FFmpegAttr& attr, unsigned char*& out, int& outSize, int width,
         SetDecodeError("DoFFMpegScale: out of memory for %zu bytes", bytes);
         return -1;
     }
-    const int ret = fx > 1 || fy > 1 ? ScaleReduced(pFrame, layout, fx, fy, out, width, height)
+    const int ret = fx > 1 || fy > 1 ? ScaleReduced(attr, layout, fx, fy, out, width, height)
                                      : ScaleWithSwscale(attr, out, width, height, flags);
     if (ret != 0) {
         return ret;
@@ -705,6 +694,17 @@ int SetExactDecode(FFmpegAttr& attr, bool exact)
     attr.pCodecCtx->skip_loop_filter =
         exact || !HasLoopFilter(attr.codec) ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
     return 0;
+}
+
+void SetSumsWhileDecoding(bool on)
+{
+    BandSums::s_blEnabled.store(on, std::memory_order_relaxed);
+}
+
+uint64_t ScalesFromDecodeSums(const FFmpegAttr& attr)
+{
+    const BandSums* pBands = BandSums::Of(attr.pCodecCtx);
+    return pBands != nullptr ? pBands->Served() : 0;
 }
 
 int DoFFMpegScaleFull(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& width,
@@ -817,7 +817,7 @@ int DoFFMpegResetContext(FFmpegAttr& attr)
     if (pFresh == nullptr) {
         return -1;
     }
-    avcodec_free_context(&attr.pCodecCtx);
+    tw::host::BandSums::FreeContext(attr.pCodecCtx);
     attr.pCodecCtx = pFresh;
     if (attr.pFrame == nullptr) {
         attr.pFrame = av_frame_alloc();
@@ -868,6 +868,9 @@ int DoFFMpegDecode(FFmpegAttr& attr, const unsigned char* data, int size)
     char szErr[AV_ERROR_MAX_STRING_SIZE];
     // Held until the picture is out: the decode is what the cameras of a process queue for.
     tw::host::DecodeSlot slot;
+    if (tw::host::BandSums* pBands = tw::host::BandSums::Of(pCtx)) {
+        pBands->Begin(pCtx);
+    }
     int ret = avcodec_send_packet(pCtx, pPacket);
     if (ret == AVERROR(EAGAIN)) {
         // Pictures of an earlier frame are still waiting; they are older than this one.
@@ -921,7 +924,7 @@ int DoFFMpegScale(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& widt
 
 int DoFFMpegFree(FFmpegAttr& attr, unsigned char*& image)
 {
-    avcodec_free_context(&attr.pCodecCtx);
+    tw::host::BandSums::FreeContext(attr.pCodecCtx);
     av_frame_free(&attr.pFrame);
     av_packet_free(&attr.pPacket);
     sws_freeContext(attr.pSwsCtx);

@@ -197,7 +197,7 @@ TEST_F(DecodeGateTest, DoFFMpegDecodeQueuesForASlot) {
     tw::test::TestVideo video;
     std::string error;
     // codec, width, height, frames, key-frame interval, B-frames, global header, painter
-    ASSERT_TRUE(tw::test::EncodeTestVideo({VIDEO_CODEC_H264, 320, 240, 1, 8, 0, false, {}}, video, error)) << error;
+    ASSERT_TRUE(tw::test::EncodeTestVideo({VIDEO_CODEC_H264, 320, 240, 1, 8, 0, false, {}, {}}, video, error)) << error;
     ASSERT_FALSE(video.packets.empty());
     FFmpegAttr attr{};
     unsigned char* image = nullptr;

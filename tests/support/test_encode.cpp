@@ -140,6 +140,9 @@ bool EncodeTestVideo(const TestVideoSpec& videoSpec, TestVideo& video, std::stri
         if (!videoSpec.globalHeader) {
             params += ":repeat-headers=1";
         }
+        if (!videoSpec.x264Params.empty()) {
+            params += ":" + videoSpec.x264Params;
+        }
         av_opt_set(ctx->priv_data, "x264-params", params.c_str(), 0);
     } else if (videoSpec.codec == 4) {
         av_opt_set(ctx->priv_data, "preset", "ultrafast", 0);

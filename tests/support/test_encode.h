@@ -37,6 +37,8 @@ struct TestVideoSpec {
     // H.264 and HEVC: parameter sets go into the extra data instead of every key frame.
     bool globalHeader = false;
     RgbPainter painter;      // empty: PaintLevelPicture
+    // H.264: more x264 parameters, ':'-separated, after ours (slices, for one).
+    std::string x264Params;
 };
 
 // Grey level of the flat picture that PaintLevelPicture paints for picture index: it

@@ -27,6 +27,16 @@ int SetExactDecode(FFmpegAttr& attr, bool exact);
 int DoFFMpegScaleFull(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& width,
                       int& height, int flags);
 
+// An H.264 detection decoder whose last picture DoFFMpegScale reduced takes the block sums
+// of its next picture while it decodes it, row by row as the rows come out of the decoder
+// (still in the cache), instead of reading the finished picture back afterwards. The scaled
+// picture is the same to the bit. false reads every picture after its decode, as before;
+// for tests and benchmarks. Process-wide; default true.
+void SetSumsWhileDecoding(bool on);
+// How many of attr's scales took sums gathered during the decode (0 for codecs other than
+// H.264): for tests and benchmarks that must know which way a picture went.
+uint64_t ScalesFromDecodeSums(const FFmpegAttr& attr);
+
 // The integer box factors DoFFMpegScale reduces the planes of a srcWidth x srcHeight
 // picture in pixel format pixFormat (an AVPixelFormat) by before it scales to dstWidth x
 // dstHeight; 1 x 1 when it scales the full picture. For tests and benchmarks.

@@ -1,0 +1,100 @@
+#include "support/decodesums.h"
+
+#include "tw/decode.h"
+#include "twhost/decodeerror.h"
+#include "twhost/decodetuning.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace tw::test {
+
+void PaintBusyPicture(int index, int width, int height, unsigned char* rgb)
+{
+    uint32_t noise = 2463534242u + uint32_t(index) * 7919u;
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            noise ^= noise << 13;
+            noise ^= noise >> 17;
+            noise ^= noise << 5;
+            const int block = ((x + 3 * index) / 24 * 37 + (y / 20) * 91 + index * 13) % 97;
+            unsigned char* pPixel = rgb + (size_t(y) * width + x) * 3;
+            pPixel[0] = static_cast<unsigned char>((x * 255 / width + block + (noise & 15)) & 255);
+            pPixel[1] = static_cast<unsigned char>((y * 255 / height + 2 * block) & 255);
+            pPixel[2] = static_cast<unsigned char>((block * 3 + ((noise >> 8) & 31)) & 255);
+        }
+    }
+}
+
+TestVideo BusyH264Clip(int width, int height, int frames, int gop, int bFrames,
+                       const std::string& x264Params)
+{
+    TestVideoSpec videoSpec;
+    videoSpec.codec = 3;   // VIDEO_CODEC_H264
+    videoSpec.width = width;
+    videoSpec.height = height;
+    videoSpec.frames = frames;
+    videoSpec.gop = gop;
+    videoSpec.bFrames = bFrames;
+    videoSpec.painter = PaintBusyPicture;
+    videoSpec.x264Params = x264Params;
+    TestVideo video;
+    std::string error;
+    EXPECT_TRUE(EncodeTestVideo(videoSpec, video, error)) << error;
+    return video;
+}
+
+void ExpectSamePictures(const ScaleRun& gathered, const ScaleRun& readBack)
+{
+    ASSERT_TRUE(gathered.error.empty()) << gathered.error;
+    ASSERT_TRUE(readBack.error.empty()) << readBack.error;
+    ASSERT_EQ(gathered.pictures.size(), readBack.pictures.size());
+    for (size_t i = 0; i < gathered.pictures.size(); ++i) {
+        EXPECT_EQ(gathered.pictures[i], readBack.pictures[i]) << "picture " << i;
+    }
+    for (size_t i = 0; i < readBack.fromDecodeSums.size(); ++i) {
+        EXPECT_FALSE(readBack.fromDecodeSums[i])
+            << "picture " << i << " took sums gathered while decoding with gathering off";
+    }
+}
+
+ScaleRun DecodeAndScale(const TestVideo& video, const ScaleRunOptions& options)
+{
+    ScaleRun run;
+    FFmpegAttr attr{};
+    if (DoFFMpegInitVideo(attr, video.codec, video.extraData.data(),
+                          int(video.extraData.size())) != 0) {
+        run.error = tw::host::LastDecodeError();
+        return run;
+    }
+    tw::host::SetExactDecode(attr, options.exactDecode);
+    unsigned char* pImage = nullptr;
+    size_t sizeIndex = 0;
+    for (const TestPacket& packet : video.packets) {
+        if (options.keyFramesOnly && !packet.keyFrame) {
+            continue;
+        }
+        const auto& size = options.sizes[std::min(sizeIndex, options.sizes.size() - 1)];
+        ++sizeIndex;
+        tw::host::SetSumsWhileDecoding(options.sumsWhileDecoding);
+        const uint64_t servedBefore = tw::host::ScalesFromDecodeSums(attr);
+        std::vector<unsigned char> picture;
+        if (DoFFMpegDecode(attr, packet.data.data(), int(packet.data.size())) == 0) {
+            int imageSize = 0;
+            int width = size.first;
+            int height = size.second;
+            if (DoFFMpegScale(attr, pImage, imageSize, width, height, 0) == 0) {
+                picture.assign(pImage, pImage + imageSize);
+            }
+        }
+        run.pictures.push_back(std::move(picture));
+        run.fromDecodeSums.push_back(tw::host::ScalesFromDecodeSums(attr) > servedBefore);
+    }
+    tw::host::SetSumsWhileDecoding(true);
+    DoFFMpegFree(attr, pImage);
+    return run;
+}
+
+}  // namespace tw::test
