@@ -67,11 +67,11 @@ bool BandSums::Attach(AVCodecContext* pCtx)
 
 void BandSums::FreeContext(AVCodecContext*& pCtx)
 {
-    if (pCtx != nullptr) {
-        delete Of(pCtx);
-        pCtx->opaque = nullptr;
-    }
+    // The context goes first: freeing it ends its slice threads, the last that may report a
+    // row into the state.
+    BandSums* pSums = Of(pCtx);
     avcodec_free_context(&pCtx);
+    delete pSums;
 }
 
 BandSums* BandSums::Of(const AVCodecContext* pCtx)
@@ -87,7 +87,7 @@ void BandSums::Begin(const AVCodecContext* pCtx)
     m_blGathering = s_blEnabled.load(std::memory_order_relaxed) && m_blLearned &&
                     !m_blSlicedApart.load(std::memory_order_relaxed) &&
                     pCtx->skip_loop_filter >= AVDISCARD_ALL;
-    m_Owner = std::this_thread::get_id();
+    m_Owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
     m_blSpoiled.store(false, std::memory_order_relaxed);
     m_RowsReady = 0;
     for (int p = 0; p < 3; ++p) {
@@ -116,7 +116,7 @@ void BandSums::OnBand(AVCodecContext* pCtx, const AVFrame* pSrc, int*, int y, in
     if (pSums == nullptr) {
         return;
     }
-    if (std::this_thread::get_id() != pSums->m_Owner) {
+    if (std::this_thread::get_id() != pSums->m_Owner.load(std::memory_order_relaxed)) {
         pSums->m_blSlicedApart.store(true, std::memory_order_relaxed);
         pSums->m_blSpoiled.store(true, std::memory_order_relaxed);
         return;

@@ -99,7 +99,10 @@ private:
     // The picture being gathered. Only the decoding thread touches these; a slice thread
     // that reports a row only sets the flags below.
     bool m_blGathering = false;
-    std::thread::id m_Owner;
+    // Written by the decoding thread before each packet, read by every thread that reports
+    // a row; libavcodec's hand-over of the slices orders the two, but out of sight of race
+    // checkers, so it is atomic.
+    std::atomic<std::thread::id> m_Owner{};
     const uint8_t* m_pData[3] = {nullptr, nullptr, nullptr};
     int m_Linesize[3] = {0, 0, 0};
     int m_RowsReady = 0;
