@@ -141,16 +141,16 @@ TEST(DecodeSums, ADamagedPictureIsReadBack)
 
 TEST(DecodeSums, OnlyH264DecodersGatherSums)
 {
-    TestVideoSpec videoSpec;
-    videoSpec.codec = VIDEO_CODEC_MPEG4;
-    videoSpec.width = 640;
-    videoSpec.height = 368;
-    videoSpec.frames = 3;
-    videoSpec.gop = 1;
-    videoSpec.painter = tw::test::PaintBusyPicture;
+    TestVideoSpec settings;
+    settings.codec = VIDEO_CODEC_MPEG4;
+    settings.width = 640;
+    settings.height = 368;
+    settings.frames = 3;
+    settings.gop = 1;
+    settings.painter = tw::test::PaintBusyPicture;
     TestVideo video;
     std::string error;
-    ASSERT_TRUE(tw::test::EncodeTestVideo(videoSpec, video, error)) << error;
+    ASSERT_TRUE(tw::test::EncodeTestVideo(settings, video, error)) << error;
     const ScaleRunOptions options;
     const ScaleRun gathered = ScaleWith(video, options, true);
     ExpectSamePictures(gathered, ScaleWith(video, options, false));

@@ -31,18 +31,18 @@ void PaintBusyPicture(int index, int width, int height, unsigned char* rgb)
 TestVideo BusyH264Clip(int width, int height, int frames, int gop, int bFrames,
                        const std::string& x264Params)
 {
-    TestVideoSpec videoSpec;
-    videoSpec.codec = 3;   // VIDEO_CODEC_H264
-    videoSpec.width = width;
-    videoSpec.height = height;
-    videoSpec.frames = frames;
-    videoSpec.gop = gop;
-    videoSpec.bFrames = bFrames;
-    videoSpec.painter = PaintBusyPicture;
-    videoSpec.x264Params = x264Params;
+    TestVideoSpec settings;
+    settings.codec = 3;   // VIDEO_CODEC_H264
+    settings.width = width;
+    settings.height = height;
+    settings.frames = frames;
+    settings.gop = gop;
+    settings.bFrames = bFrames;
+    settings.painter = PaintBusyPicture;
+    settings.x264Params = x264Params;
     TestVideo video;
     std::string error;
-    EXPECT_TRUE(EncodeTestVideo(videoSpec, video, error)) << error;
+    EXPECT_TRUE(EncodeTestVideo(settings, video, error)) << error;
     return video;
 }
 
