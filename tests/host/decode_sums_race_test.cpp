@@ -4,6 +4,7 @@
 // whatever a row's neighbour slice was still writing.
 
 #include "support/decodesums.h"
+#include "tw/camera.h"
 
 #include <gtest/gtest.h>
 
@@ -30,7 +31,7 @@ const bool g_blQuietAvLog = [] {
 void ExpectSameBytesWithSlices(const std::string& x264Params)
 {
     SCOPED_TRACE(x264Params);
-    const TestVideo video = tw::test::BusyH264Clip(1280, 720, 8, 1, 0, x264Params);
+    const TestVideo video = tw::test::BusyClip(VIDEO_CODEC_H264, 1280, 720, 8, 1, 0, x264Params);
     ASSERT_EQ(video.packets.size(), 8u);
     ScaleRunOptions options;
     options.sizes = {{128, 72}};

@@ -23,13 +23,12 @@ extern "C" {
 
 namespace {
 
-using tw::test::BusyH264Clip;
+using tw::test::BusyClip;
 using tw::test::DecodeAndScale;
 using tw::test::ExpectSamePictures;
 using tw::test::ScaleRun;
 using tw::test::ScaleRunOptions;
 using tw::test::TestVideo;
-using tw::test::TestVideoSpec;
 
 // Damaged input makes libavcodec complain on stderr; that is expected here.
 const bool g_blQuietAvLog = [] {
@@ -54,7 +53,7 @@ TEST(DecodeSums, EveryPictureAfterTheFirstIsSummedWhileDecodingToTheSameBytes)
 {
     // 1080p: 67.5 rows of macroblocks, the last one cut to 8 rows; to 120 x 67 the blocks
     // are 16 x 6, so block rows straddle the macroblock rows.
-    const TestVideo video = BusyH264Clip(1920, 1080, 4, 1);
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 1920, 1080, 4, 1);
     ASSERT_EQ(video.packets.size(), 4u);
     const ScaleRunOptions options;
     const ScaleRun gathered = ScaleWith(video, options, true);
@@ -78,7 +77,7 @@ TEST(DecodeSums, OtherSizesAndFactorsGiveTheSameBytes)
     for (const Case& c : cases) {
         SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height) + " to " +
                      std::to_string(c.dstWidth) + "x" + std::to_string(c.dstHeight));
-        const TestVideo video = BusyH264Clip(c.width, c.height, 3, 1);
+        const TestVideo video = BusyClip(VIDEO_CODEC_H264, c.width, c.height, 3, 1);
         ScaleRunOptions options;
         options.sizes = {{c.dstWidth, c.dstHeight}};
         const ScaleRun gathered = ScaleWith(video, options, true);
@@ -89,7 +88,7 @@ TEST(DecodeSums, OtherSizesAndFactorsGiveTheSameBytes)
 
 TEST(DecodeSums, ANewTargetSizeIsLearnedFromThePictureScaledToIt)
 {
-    const TestVideo video = BusyH264Clip(1280, 720, 5, 1);
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 1280, 720, 5, 1);
     ScaleRunOptions options;
     options.sizes = {{128, 72}, {128, 72}, {120, 67}, {120, 67}, {120, 67}};
     const ScaleRun gathered = ScaleWith(video, options, true);
@@ -101,7 +100,7 @@ TEST(DecodeSums, ANewTargetSizeIsLearnedFromThePictureScaledToIt)
 TEST(DecodeSums, ExactDecodeReadsEveryPictureBack)
 {
     // With the loop filter on, rows change again after the decoder reported them.
-    const TestVideo video = BusyH264Clip(1280, 720, 3, 1);
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 1280, 720, 3, 1);
     ScaleRunOptions options;
     options.exactDecode = true;
     const ScaleRun gathered = ScaleWith(video, options, true);
@@ -113,7 +112,7 @@ TEST(DecodeSums, PicturesHeldBackForReorderingGiveTheSameBytes)
 {
     // A stream with B-frames: the decoder holds every picture back and gives it up only when
     // drained, after its rows were reported.
-    const TestVideo video = BusyH264Clip(640, 368, 16, 4, 2);
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 640, 368, 16, 4, 2);
     const ScaleRunOptions options;
     const ScaleRun gathered = ScaleWith(video, options, true);
     ExpectSamePictures(gathered, ScaleWith(video, options, false));
@@ -124,9 +123,21 @@ TEST(DecodeSums, PicturesHeldBackForReorderingGiveTheSameBytes)
     EXPECT_EQ(gathered.fromDecodeSums, (std::vector<bool>{false, true, true, true}));
 }
 
+TEST(DecodeSums, InterlacedPicturesCodedInFieldPairsGiveTheSameBytes)
+{
+    // x264's interlaced mode codes frame pictures of macroblock pairs (MBAFF): the decoder
+    // reports 32 rows at a time.
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 1280, 720, 3, 1, 0, "interlaced=1");
+    ASSERT_EQ(video.packets.size(), 3u);
+    const ScaleRunOptions options;
+    const ScaleRun gathered = ScaleWith(video, options, true);
+    ExpectSamePictures(gathered, ScaleWith(video, options, false));
+    EXPECT_EQ(gathered.fromDecodeSums, (std::vector<bool>{false, true, true}));
+}
+
 TEST(DecodeSums, ADamagedPictureIsReadBack)
 {
-    TestVideo video = BusyH264Clip(1280, 720, 3, 1);
+    TestVideo video = BusyClip(VIDEO_CODEC_H264, 1280, 720, 3, 1);
     ASSERT_EQ(video.packets.size(), 3u);
     // The second key frame loses the last third of its slice: its lower rows are never
     // reported.
@@ -141,16 +152,8 @@ TEST(DecodeSums, ADamagedPictureIsReadBack)
 
 TEST(DecodeSums, OnlyH264DecodersGatherSums)
 {
-    TestVideoSpec settings;
-    settings.codec = VIDEO_CODEC_MPEG4;
-    settings.width = 640;
-    settings.height = 368;
-    settings.frames = 3;
-    settings.gop = 1;
-    settings.painter = tw::test::PaintBusyPicture;
-    TestVideo video;
-    std::string error;
-    ASSERT_TRUE(tw::test::EncodeTestVideo(settings, video, error)) << error;
+    const TestVideo video = BusyClip(VIDEO_CODEC_MPEG4, 640, 368, 3, 1);
+    ASSERT_EQ(video.packets.size(), 3u);
     const ScaleRunOptions options;
     const ScaleRun gathered = ScaleWith(video, options, true);
     ExpectSamePictures(gathered, ScaleWith(video, options, false));
@@ -162,7 +165,7 @@ TEST(DecodeSums, RowsReportedByAnotherThreadEndTheGatheringForTheStream)
     // Slices decoded side by side report their rows from the decoder's other threads; a row
     // one thread reports may still be written by the other. The decoder's callback is called
     // here from a second thread, as a slice thread would.
-    const TestVideo video = BusyH264Clip(1280, 720, 4, 1);
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 1280, 720, 4, 1);
     FFmpegAttr attr{};
     ASSERT_EQ(DoFFMpegInitVideo(attr, VIDEO_CODEC_H264, nullptr, 0), 0)
         << tw::host::LastDecodeError();

@@ -28,11 +28,11 @@ void PaintBusyPicture(int index, int width, int height, unsigned char* rgb)
     }
 }
 
-TestVideo BusyH264Clip(int width, int height, int frames, int gop, int bFrames,
-                       const std::string& x264Params)
+TestVideo BusyClip(int codec, int width, int height, int frames, int gop, int bFrames,
+                   const std::string& x264Params)
 {
     TestVideoSpec settings;
-    settings.codec = 3;   // VIDEO_CODEC_H264
+    settings.codec = codec;
     settings.width = width;
     settings.height = height;
     settings.frames = frames;

@@ -16,10 +16,10 @@ namespace tw::test {
 // and noise, so that every block sum differs from its neighbours.
 void PaintBusyPicture(int index, int width, int height, unsigned char* rgb);
 
-// An H.264 clip of busy pictures; x264Params are passed on to the encoder. A failure to
-// encode fails the calling test and gives an empty clip.
-TestVideo BusyH264Clip(int width, int height, int frames, int gop, int bFrames = 0,
-                       const std::string& x264Params = "");
+// A clip of busy pictures in codec (a VIDEO_CODEC_TYPE); x264Params are passed on to the
+// H.264 encoder. A failure to encode fails the calling test and gives an empty clip.
+TestVideo BusyClip(int codec, int width, int height, int frames, int gop, int bFrames = 0,
+                   const std::string& x264Params = "");
 
 struct ScaleRun {
     // One entry a packet: the scaled picture, or empty when the packet gave none.
