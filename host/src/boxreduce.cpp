@@ -13,6 +13,7 @@
 #include "boxreduce.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <list>
@@ -31,6 +32,9 @@ extern "C" {
 
 namespace tw::host {
 namespace {
+
+// SetWideAreaKernels' switch.
+std::atomic<bool> g_blWideAreaKernels{true};
 
 // Per-thread scratch: a detector's thread scales one picture at a time.
 struct Scratch {
@@ -160,6 +164,26 @@ __attribute__((target("avx2"))) inline void AddLanesAvx2(__m256i s, int fx, int 
     }
 }
 
+// The sums of blocks 16 wide in a strip of four 32-byte registers (s0 the leftmost), eight
+// blocks from x / 16, into pOut. Each 128-bit lane of a register holds the two 8-byte halves
+// of one block: the halves of two registers are added pairwise at once, the blocks of the
+// other two registers shifted into the high halves of the same 64-bit lanes (no block sum
+// reaches 16 bits), and one permutation puts the eight in order for a single add.
+__attribute__((target("avx2"))) inline void AddStrip16Avx2(__m256i s0, __m256i s1, __m256i s2,
+                                                           __m256i s3, int x, uint16_t* pOut)
+{
+    // Lane j: blocks (register 0, j) and (register 1, j); and (2, j), (3, j).
+    const __m256i a = _mm256_add_epi64(_mm256_unpacklo_epi64(s0, s1), _mm256_unpackhi_epi64(s0, s1));
+    const __m256i b = _mm256_add_epi64(_mm256_unpacklo_epi64(s2, s3), _mm256_unpackhi_epi64(s2, s3));
+    // 32-bit values of lane j: blocks of registers 0, 2, 1, 3; block 2k + j is at 4j + {0, 2, 1, 3}[k].
+    const __m256i mixed = _mm256_or_si256(a, _mm256_slli_epi64(b, 32));
+    const __m256i ordered = _mm256_permutevar8x32_epi32(mixed, _mm256_setr_epi32(0, 4, 2, 6, 1, 5, 3, 7));
+    const __m128i sums =
+        _mm_packus_epi32(_mm256_castsi256_si128(ordered), _mm256_extracti128_si256(ordered, 1));
+    __m128i* pSums = reinterpret_cast<__m128i*>(pOut + x / 16);
+    _mm_storeu_si128(pSums, _mm_add_epi16(_mm_loadu_si128(pSums), sums));
+}
+
 // The same with 32-byte registers: half the loads and adds per byte.
 __attribute__((target("avx2"))) void AddRowsAvx2(const uint8_t* pTop, int stride, int rows,
                                                  int fx, int outWidth, uint16_t* pOut)
@@ -180,10 +204,14 @@ __attribute__((target("avx2"))) void AddRowsAvx2(const uint8_t* pTop, int stride
             s2 = _mm256_add_epi64(s2, sad(pRow + 64));
             s3 = _mm256_add_epi64(s3, sad(pRow + 96));
         }
-        AddLanesAvx2(s0, fx, 32 * v, pOut);
-        AddLanesAvx2(s1, fx, 32 * v + 32, pOut);
-        AddLanesAvx2(s2, fx, 32 * v + 64, pOut);
-        AddLanesAvx2(s3, fx, 32 * v + 96, pOut);
+        if (fx == 16) {
+            AddStrip16Avx2(s0, s1, s2, s3, 32 * v, pOut);
+        } else {
+            AddLanesAvx2(s0, fx, 32 * v, pOut);
+            AddLanesAvx2(s1, fx, 32 * v + 32, pOut);
+            AddLanesAvx2(s2, fx, 32 * v + 64, pOut);
+            AddLanesAvx2(s3, fx, 32 * v + 96, pOut);
+        }
     }
     for (; v < vectors; ++v) {
         const uint8_t* pRow = pTop + 32 * v;
@@ -196,30 +224,22 @@ __attribute__((target("avx2"))) void AddRowsAvx2(const uint8_t* pTop, int stride
     }
 }
 
-// The eight 8-byte sums of s, for the 64 columns from x, into pOut: packed to 16 bits in a
-// register (every sum of up to 16 x 16 bytes fits) and added there.
-__attribute__((target("avx512f,avx512bw"))) inline void AddLanesAvx512(__m512i s, int fx, int x,
-                                                                       uint16_t* pOut)
+// The eight 8-byte sums of s, blocks 8 wide for the 64 columns from x, into pOut: packed to
+// 16 bits in a register (every sum of up to 8 x 16 bytes fits) and added there.
+__attribute__((target("avx512f,avx512bw"))) inline void AddLanes8Avx512(__m512i s, int x,
+                                                                        uint16_t* pOut)
 {
-    if (fx == 8) {
-        __m128i* pSums = reinterpret_cast<__m128i*>(pOut + x / 8);
-        _mm_storeu_si128(pSums, _mm_add_epi16(_mm_loadu_si128(pSums), _mm512_maskz_cvtepi64_epi16(0xff, s)));
-    } else {
-        // Each 16-byte block's two halves added in the low lane of its pair, those four
-        // lanes brought together.
-        s = _mm512_maskz_compress_epi64(0x55, _mm512_add_epi64(s, _mm512_bsrli_epi128(s, 8)));
-        __m128i* pSums = reinterpret_cast<__m128i*>(pOut + x / 16);
-        _mm_storel_epi64(pSums, _mm_add_epi16(_mm_loadl_epi64(pSums), _mm512_maskz_cvtepi64_epi16(0xff, s)));
-    }
+    __m128i* pSums = reinterpret_cast<__m128i*>(pOut + x / 8);
+    _mm_storeu_si128(pSums, _mm_add_epi16(_mm_loadu_si128(pSums), _mm512_maskz_cvtepi64_epi16(0xff, s)));
 }
 
-// And with 64-byte registers, where the CPU has them: fewer loads per byte again.
-__attribute__((target("avx512f,avx512bw"))) void AddRowsAvx512(const uint8_t* pTop, int stride,
-                                                              int rows, int fx, int outWidth,
-                                                              uint16_t* pOut)
+// Blocks 8 wide with 64-byte registers, where the CPU has them: fewer loads per byte again.
+__attribute__((target("avx512f,avx512bw"))) void AddRows8Avx512(const uint8_t* pTop, int stride,
+                                                               int rows, int outWidth,
+                                                               uint16_t* pOut)
 {
     const __m512i zero = _mm512_setzero_si512();
-    const int inWidth = outWidth * fx;
+    const int inWidth = outWidth * 8;
     const int vectors = inWidth / 64;
     auto sad = [zero](const uint8_t* p) __attribute__((target("avx512f,avx512bw"))) {
         return _mm512_sad_epu8(_mm512_loadu_si512(p), zero);
@@ -234,27 +254,92 @@ __attribute__((target("avx512f,avx512bw"))) void AddRowsAvx512(const uint8_t* pT
             s2 = _mm512_add_epi64(s2, sad(pRow + 128));
             s3 = _mm512_add_epi64(s3, sad(pRow + 192));
         }
-        AddLanesAvx512(s0, fx, 64 * v, pOut);
-        AddLanesAvx512(s1, fx, 64 * v + 64, pOut);
-        AddLanesAvx512(s2, fx, 64 * v + 128, pOut);
-        AddLanesAvx512(s3, fx, 64 * v + 192, pOut);
+        AddLanes8Avx512(s0, 64 * v, pOut);
+        AddLanes8Avx512(s1, 64 * v + 64, pOut);
+        AddLanes8Avx512(s2, 64 * v + 128, pOut);
+        AddLanes8Avx512(s3, 64 * v + 192, pOut);
     }
     for (; v < vectors; ++v) {
         const uint8_t* pRow = pTop + 64 * v;
         __m512i s0 = zero;
         for (int r = 0; r < rows; ++r, pRow += stride) s0 = _mm512_add_epi64(s0, sad(pRow));
-        AddLanesAvx512(s0, fx, 64 * v, pOut);
+        AddLanes8Avx512(s0, 64 * v, pOut);
     }
-    for (int x = vectors * 64; x < inWidth; x += fx) {
-        pOut[x / fx] = static_cast<uint16_t>(pOut[x / fx] + CellSum(pTop + x, stride, fx, rows));
+    for (int x = vectors * 64; x < inWidth; x += 8) {
+        pOut[x / 8] = static_cast<uint16_t>(pOut[x / 8] + CellSum(pTop + x, stride, 8, rows));
+    }
+}
+
+// Blocks 16 wide with 64-byte registers, the row in strips of four registers (256 columns,
+// 16 blocks) and the last strip's registers loaded under a mask, zero past the row's end,
+// so that no block is left to a single register's lane work. The four registers' sums are
+// brought together as in AddStrip16Avx2 and added to the 16 block sums with one load and
+// one store, masked in the last strip.
+__attribute__((target("avx512f,avx512bw,avx512vl"))) void AddRows16Avx512(
+    const uint8_t* pTop, int stride, int rows, int outWidth, uint16_t* pOut)
+{
+    const __m512i zero = _mm512_setzero_si512();
+    const int inWidth = outWidth * 16;
+    // Block 4k + j of a strip is the 32-bit value 4j + {0, 2, 1, 3}[k] after the mixing.
+    const __m512i order = _mm512_setr_epi32(0, 4, 8, 12, 2, 6, 10, 14, 1, 5, 9, 13, 3, 7, 11, 15);
+    for (int x = 0; x < inWidth; x += 256) {
+        const uint8_t* pRow = pTop + x;
+        __m512i s0 = zero, s1 = zero, s2 = zero, s3 = zero;
+        if (x + 256 <= inWidth) {
+            for (int r = 0; r < rows; ++r, pRow += stride) {
+                s0 = _mm512_add_epi64(s0, _mm512_sad_epu8(_mm512_loadu_si512(pRow), zero));
+                s1 = _mm512_add_epi64(s1, _mm512_sad_epu8(_mm512_loadu_si512(pRow + 64), zero));
+                s2 = _mm512_add_epi64(s2, _mm512_sad_epu8(_mm512_loadu_si512(pRow + 128), zero));
+                s3 = _mm512_add_epi64(s3, _mm512_sad_epu8(_mm512_loadu_si512(pRow + 192), zero));
+            }
+        } else {
+            // The row's last registers, each loaded under a mask: masked-off bytes are not
+            // read, so the row may end anywhere. A register wholly past the end stays zero.
+            __m512i* sums[4] = {&s0, &s1, &s2, &s3};
+            for (int k = 0; k < 4 && x + 64 * k < inWidth; ++k) {
+                const int bytes = std::min(64, inWidth - x - 64 * k);
+                const __mmask64 mask = bytes == 64 ? ~__mmask64(0) : (__mmask64(1) << bytes) - 1;
+                const uint8_t* pColumn = pRow + 64 * k;
+                __m512i sum = zero;
+                for (int r = 0; r < rows; ++r, pColumn += stride) {
+                    sum = _mm512_add_epi64(sum, _mm512_sad_epu8(_mm512_maskz_loadu_epi8(mask, pColumn), zero));
+                }
+                *sums[k] = sum;
+            }
+        }
+        // The zero-masked forms: GCC 12 warns of the plain ones' undefined pass-through.
+        const __m512i a = _mm512_add_epi64(_mm512_maskz_unpacklo_epi64(0xff, s0, s1),
+                                           _mm512_maskz_unpackhi_epi64(0xff, s0, s1));
+        const __m512i b = _mm512_add_epi64(_mm512_maskz_unpacklo_epi64(0xff, s2, s3),
+                                           _mm512_maskz_unpackhi_epi64(0xff, s2, s3));
+        const __m512i mixed = _mm512_or_si512(a, _mm512_maskz_slli_epi64(0xff, b, 32));
+        const __m256i sums =
+            _mm512_maskz_cvtepi32_epi16(0xffff, _mm512_maskz_permutexvar_epi32(0xffff, order, mixed));
+        const int blocks = std::min(16, outWidth - x / 16);
+        const __mmask16 keep = blocks == 16 ? __mmask16(0xffff) : __mmask16((1u << blocks) - 1);
+        uint16_t* pSums = pOut + x / 16;
+        _mm256_mask_storeu_epi16(pSums, keep,
+                                 _mm256_add_epi16(_mm256_maskz_loadu_epi16(keep, pSums), sums));
     }
 }
 
 bool CpuHasAvx512()
 {
-    static const bool has =
-        __builtin_cpu_supports("avx512f") != 0 && __builtin_cpu_supports("avx512bw") != 0;
+    static const bool has = __builtin_cpu_supports("avx512f") != 0 &&
+                            __builtin_cpu_supports("avx512bw") != 0 &&
+                            __builtin_cpu_supports("avx512vl") != 0;
     return has;
+}
+
+// The 64-byte kernels behind one entry: 16-wide blocks in strips, 8-wide ones by register.
+void AddRowsAvx512(const uint8_t* pTop, int stride, int rows, int fx, int outWidth,
+                   uint16_t* pOut)
+{
+    if (fx == 16) {
+        AddRows16Avx512(pTop, stride, rows, outWidth, pOut);
+    } else {
+        AddRows8Avx512(pTop, stride, rows, outWidth, pOut);
+    }
 }
 
 bool CpuHasAvx2()
@@ -361,11 +446,69 @@ void AcrossRow(const float* row, const AxisTaps& across, float* pLine, int targe
     }
 }
 
+// The vertical step of the area average for one row: row[x] the weighted sum of the taps
+// rows from pFirst, products added tap by tap from zero (a tap of no weight adds nothing).
+void DownRow(const uint16_t* pFirst, ptrdiff_t stride, const float* wDown, int taps, int width,
+             float* __restrict row)
+{
+    for (int x = 0; x < width; ++x) row[x] = 0.0f;
+    for (int t = 0; t < taps; ++t) {
+        const float w = wDown[t];
+        if (w == 0.0f) continue;
+        const uint16_t* __restrict pRow = pFirst + ptrdiff_t(t) * stride;
+        for (int x = 0; x < width; ++x) row[x] += w * float(pRow[x]);
+    }
+}
+
+#if TW_BOX_X86
+// The same, eight values held in a register across all the taps instead of being stored
+// and loaded again for each: the same products added in the same order, so the same bits.
+__attribute__((target("avx2"))) void DownRowAvx2(const uint16_t* pFirst, ptrdiff_t stride,
+                                                 const float* wDown, int taps, int width,
+                                                 float* __restrict row)
+{
+    // The taps that weigh anything, in order, their weights ready in registers.
+    constexpr int kMostTaps = 8;
+    const uint16_t* pRows[kMostTaps];
+    __m256 weights[kMostTaps];
+    int used = 0;
+    for (int t = 0; t < taps; ++t) {
+        if (wDown[t] == 0.0f) continue;
+        if (used == kMostTaps) {
+            // A reduction this steep is rare; the plain loop takes any number.
+            _mm256_zeroupper();
+            DownRow(pFirst, stride, wDown, taps, width, row);
+            return;
+        }
+        pRows[used] = pFirst + ptrdiff_t(t) * stride;
+        weights[used] = _mm256_set1_ps(wDown[t]);
+        ++used;
+    }
+    int x = 0;
+    for (; x + 8 <= width; x += 8) {
+        __m256 sum = _mm256_setzero_ps();
+        for (int k = 0; k < used; ++k) {
+            const __m128i values = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pRows[k] + x));
+            sum = _mm256_add_ps(sum, _mm256_mul_ps(weights[k], _mm256_cvtepi32_ps(_mm256_cvtepu16_epi32(values))));
+        }
+        _mm256_storeu_ps(row + x, sum);
+    }
+    for (; x < width; ++x) {
+        float sum = 0.0f;
+        for (int k = 0; k < used; ++k) sum += _mm256_cvtss_f32(weights[k]) * float(pRows[k][x]);
+        row[x] = sum;
+    }
+}
+#endif
+
+using DownRowFn = void (*)(const uint16_t*, ptrdiff_t, const float*, int, int, float*);
+
 // The area average of one plane of sums at targetWidth x targetHeight, still as sums of a
 // block (not yet divided by its area), into pOut (targetWidth values a row). The loops are
 // written for the compiler to vectorise (this file is built with -O3).
 void AreaPlane(const PlaneSums& plane, const AxisTaps& across, const AxisTaps& down,
-               int targetWidth, int targetHeight, std::vector<float>& rowSums, float* pOut)
+               int targetWidth, int targetHeight, std::vector<float>& rowSums, DownRowFn downRow,
+               float* pOut)
 {
     const int width = plane.width;
     rowSums.resize(size_t(width));
@@ -375,22 +518,42 @@ void AreaPlane(const PlaneSums& plane, const AxisTaps& across, const AxisTaps& d
         const uint16_t* pFirst = plane.data + ptrdiff_t(down.first[size_t(oy)]) * plane.stride;
         // Where the blocks make exactly the target width, the vertical step writes the result.
         const bool identity = width == targetWidth;
-        float* __restrict row = identity ? pOut + ptrdiff_t(oy) * targetWidth : pRowSums;
-        for (int x = 0; x < width; ++x) row[x] = 0.0f;
-        for (int t = 0; t < down.taps; ++t) {
-            const float w = wDown[t];
-            if (w == 0.0f) continue;
-            const uint16_t* __restrict pRow = pFirst + ptrdiff_t(t) * plane.stride;
-            for (int x = 0; x < width; ++x) row[x] += w * float(pRow[x]);
-        }
+        float* row = identity ? pOut + ptrdiff_t(oy) * targetWidth : pRowSums;
+        downRow(pFirst, plane.stride, wDown, down.taps, width, row);
         if (!identity) AcrossRow(row, across, pOut + ptrdiff_t(oy) * targetWidth, targetWidth);
     }
 }
 
+// Pixels from x to the end of the row as 4-byte words (red, green, blue, unused), one
+// pixel at a time: what a vector loop leaves over.
+void RgbWordsFrom(int x, const float* luma, const float* cb, const float* cr, bool halfChroma,
+                  int width, const RgbMatrix& m, float lumaOffset, float chromaMid,
+                  uint32_t* words)
+{
+    auto toInt = [](float value) { return uint32_t(std::min(255.0f, std::max(0.0f, value)) + 0.5f); };
+    for (; x < width; ++x) {
+        const int c = halfChroma ? x / 2 : x;
+        const float y = m.cy * luma[x] - lumaOffset;
+        const float u = cb[c] - chromaMid;
+        const float v = cr[c] - chromaMid;
+        words[x] = toInt(y + m.crv * v) | toInt(y - m.cgu * u - m.cgv * v) << 8 |
+                   toInt(y + m.cbu * u) << 16;
+    }
+}
+
+// Words from x on to packed 3-byte pixels: each word stored whole, its top byte overwritten
+// by the next pixel, the last one byte by byte so that nothing is written past the row.
+void PackWordsFrom(int x, const uint32_t* words, int width, uint8_t* pOut)
+{
+    for (; x + 1 < width; ++x) memcpy(pOut + 3 * x, &words[x], 4);
+    pOut[3 * x] = uint8_t(words[x]);
+    pOut[3 * x + 1] = uint8_t(words[x] >> 8);
+    pOut[3 * x + 2] = uint8_t(words[x] >> 16);
+}
+
 // One row of RGB: luma sums (one per pixel) and chroma sums (one per pixel, or one per two
 // pixels when halfChroma), each colour clamped to [0, 255] and rounded to nearest. The
-// conversion takes four pixels at a time where SSE2 is there (every x86-64 CPU); each pixel
-// is then stored as a 4-byte word whose top byte the next pixel overwrites.
+// conversion takes four pixels at a time where SSE2 is there (every x86-64 CPU).
 void RgbRow(const float* __restrict luma, const float* __restrict cb, const float* __restrict cr,
             bool halfChroma, int width, const RgbMatrix& m, float lumaOffset, float chromaMid,
             uint32_t* __restrict words, uint8_t* __restrict pOut)
@@ -433,20 +596,77 @@ void RgbRow(const float* __restrict luma, const float* __restrict cb, const floa
         for (; x + 4 <= width; x += 4) four(x, _mm_loadu_ps(cb + x), _mm_loadu_ps(cr + x));
     }
 #endif
-    auto toInt = [](float value) { return uint32_t(std::min(255.0f, std::max(0.0f, value)) + 0.5f); };
-    for (; x < width; ++x) {
-        const int c = halfChroma ? x / 2 : x;
-        const float y = m.cy * luma[x] - lumaOffset;
-        const float u = cb[c] - chromaMid;
-        const float v = cr[c] - chromaMid;
-        words[x] = toInt(y + m.crv * v) | toInt(y - m.cgu * u - m.cgv * v) << 8 |
-                   toInt(y + m.cbu * u) << 16;
-    }
-    for (x = 0; x + 1 < width; ++x) memcpy(pOut + 3 * x, &words[x], 4);
-    pOut[3 * x] = uint8_t(words[x]);
-    pOut[3 * x + 1] = uint8_t(words[x] >> 8);
-    pOut[3 * x + 2] = uint8_t(words[x] >> 16);
+    RgbWordsFrom(x, luma, cb, cr, halfChroma, width, m, lumaOffset, chromaMid, words);
+    PackWordsFrom(0, words, width, pOut);
 }
+
+#if TW_BOX_X86
+// The same row eight pixels at a time: the same operations on each pixel in the same order,
+// so the same bytes. Four words at a time are then packed by a byte shuffle into 12 bytes
+// of pixels, stored as 16 whose last 4 the next store overwrites.
+__attribute__((target("avx2"))) void RgbRowAvx2(const float* __restrict luma,
+                                                const float* __restrict cb,
+                                                const float* __restrict cr, bool halfChroma,
+                                                int width, const RgbMatrix& m, float lumaOffset,
+                                                float chromaMid, uint32_t* __restrict words,
+                                                uint8_t* __restrict pOut)
+{
+    const __m256 cy = _mm256_set1_ps(m.cy);
+    const __m256 offset = _mm256_set1_ps(lumaOffset);
+    const __m256 mid = _mm256_set1_ps(chromaMid);
+    const __m256 crv = _mm256_set1_ps(m.crv);
+    const __m256 cgu = _mm256_set1_ps(m.cgu);
+    const __m256 cgv = _mm256_set1_ps(m.cgv);
+    const __m256 cbu = _mm256_set1_ps(m.cbu);
+    const __m256 low = _mm256_setzero_ps();
+    const __m256 high = _mm256_set1_ps(255.0f);
+    const __m256 half = _mm256_set1_ps(0.5f);
+    auto toInts = [&](__m256 value) __attribute__((target("avx2"))) {
+        return _mm256_cvttps_epi32(_mm256_add_ps(_mm256_min_ps(high, _mm256_max_ps(low, value)), half));
+    };
+    // Each chroma value twice over, for two neighbouring pixels.
+    const __m256i twice = _mm256_setr_epi32(0, 0, 1, 1, 2, 2, 3, 3);
+    int x = 0;
+    for (; x + 8 <= width; x += 8) {
+        __m256 u;
+        __m256 v;
+        if (halfChroma) {
+            u = _mm256_permutevar8x32_ps(_mm256_castps128_ps256(_mm_loadu_ps(cb + x / 2)), twice);
+            v = _mm256_permutevar8x32_ps(_mm256_castps128_ps256(_mm_loadu_ps(cr + x / 2)), twice);
+        } else {
+            u = _mm256_loadu_ps(cb + x);
+            v = _mm256_loadu_ps(cr + x);
+        }
+        const __m256 y = _mm256_sub_ps(_mm256_mul_ps(cy, _mm256_loadu_ps(luma + x)), offset);
+        u = _mm256_sub_ps(u, mid);
+        v = _mm256_sub_ps(v, mid);
+        const __m256i red = toInts(_mm256_add_ps(y, _mm256_mul_ps(crv, v)));
+        const __m256i green =
+            toInts(_mm256_sub_ps(_mm256_sub_ps(y, _mm256_mul_ps(cgu, u)), _mm256_mul_ps(cgv, v)));
+        const __m256i blue = toInts(_mm256_add_ps(y, _mm256_mul_ps(cbu, u)));
+        const __m256i word = _mm256_or_si256(
+            red, _mm256_or_si256(_mm256_slli_epi32(green, 8), _mm256_slli_epi32(blue, 16)));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(words + x), word);
+    }
+    // The helpers below are plain SSE code: with the upper halves of the registers left
+    // dirty, each of their instructions would wait on a merge of the whole register (GCC
+    // does not clear them before these calls by itself).
+    _mm256_zeroupper();
+    RgbWordsFrom(x, luma, cb, cr, halfChroma, width, m, lumaOffset, chromaMid, words);
+
+    const __m128i pack = _mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
+    x = 0;
+    // A 16-byte store at pixel x reaches byte 3 x + 15, inside the row while x + 6 <= width.
+    for (; x + 6 <= width; x += 4) {
+        const __m128i four = _mm_loadu_si128(reinterpret_cast<const __m128i*>(words + x));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut + 3 * x), _mm_shuffle_epi8(four, pack));
+    }
+    PackWordsFrom(x, words, width, pOut);
+}
+#endif
+
+using RgbRowFn = void (*)(const float*, const float*, const float*, bool, int, const RgbMatrix&,
+                          float, float, uint32_t*, uint8_t*);
 
 // The taps of the axes of the last pictures this thread scaled: a detector asks for the
 // same sizes turn after turn. Least recently used first; an entry found moves to the end,
@@ -518,6 +738,11 @@ RgbMatrix RgbMatrixOf(int colorspace, bool fullRange)
     return m;
 }
 
+void SetWideAreaKernels(bool on)
+{
+    g_blWideAreaKernels.store(on, std::memory_order_relaxed);
+}
+
 bool AreaToRgb(const PlaneSums* planes, int planeCount, int blockArea, bool fullChroma,
                const RgbMatrix& matrix, uint8_t* out, int width, int height)
 {
@@ -534,16 +759,24 @@ bool AreaToRgb(const PlaneSums* planes, int planeCount, int blockArea, bool full
         float* pY = values.data();
         float* pU = pY + lumaValues;
         float* pV = pU + chromaValues;
+        DownRowFn downRow = DownRow;
+        RgbRowFn rgbRow = RgbRow;
+#if TW_BOX_X86
+        if (CpuHasAvx2() && g_blWideAreaKernels.load(std::memory_order_relaxed)) {
+            downRow = DownRowAvx2;
+            rgbRow = RgbRowAvx2;
+        }
+#endif
         const AxisTaps& lumaAcross = TapsFor(planes[0].width, width);
         const AxisTaps& lumaDown = TapsFor(planes[0].height, height);
-        AreaPlane(planes[0], lumaAcross, lumaDown, width, height, t_Scratch.rowSums, pY);
+        AreaPlane(planes[0], lumaAcross, lumaDown, width, height, t_Scratch.rowSums, downRow, pY);
         // Grey: chroma at its middle, which the conversion takes as no colour.
         float chromaMid = 128.0f * float(blockArea);
         if (planeCount == 3) {
             const AxisTaps& chromaAcross = TapsFor(planes[1].width, chromaWidth);
             const AxisTaps& chromaDown = TapsFor(planes[1].height, height);
-            AreaPlane(planes[1], chromaAcross, chromaDown, chromaWidth, height, t_Scratch.rowSums, pU);
-            AreaPlane(planes[2], chromaAcross, chromaDown, chromaWidth, height, t_Scratch.rowSums, pV);
+            AreaPlane(planes[1], chromaAcross, chromaDown, chromaWidth, height, t_Scratch.rowSums, downRow, pU);
+            AreaPlane(planes[2], chromaAcross, chromaDown, chromaWidth, height, t_Scratch.rowSums, downRow, pV);
         } else {
             std::fill(pU, pU + 2 * chromaValues, chromaMid);
         }
@@ -561,7 +794,7 @@ bool AreaToRgb(const PlaneSums* planes, int planeCount, int blockArea, bool full
         words.resize(size_t(width));
         const bool halfChroma = planeCount == 3 && !fullChroma;
         for (int y = 0; y < height; ++y) {
-            RgbRow(pY + ptrdiff_t(y) * width, pU + ptrdiff_t(y) * chromaWidth,
+            rgbRow(pY + ptrdiff_t(y) * width, pU + ptrdiff_t(y) * chromaWidth,
                    pV + ptrdiff_t(y) * chromaWidth, halfChroma, width, m, lumaOffset, chromaMid,
                    words.data(), out + ptrdiff_t(y) * width * 3);
         }

@@ -37,6 +37,13 @@ void SetSumsWhileDecoding(bool on);
 // H.264): for tests and benchmarks that must know which way a picture went.
 uint64_t ScalesFromDecodeSums(const FFmpegAttr& attr);
 
+// Where the CPU has AVX2, the area average of the block sums and their conversion to RGB
+// (the steps after the sums) take eight values at a time; the operations on each value
+// are the same, so the scaled picture is the same to the bit. false keeps them to the
+// four-at-a-time path every x86-64 CPU has; for the tests that hold the two to the same
+// bytes. Process-wide; default true.
+void SetWideAreaKernels(bool on);
+
 // The integer box factors DoFFMpegScale reduces the planes of a srcWidth x srcHeight
 // picture in pixel format pixFormat (an AVPixelFormat) by before it scales to dstWidth x
 // dstHeight; 1 x 1 when it scales the full picture. For tests and benchmarks.
