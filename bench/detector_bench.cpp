@@ -335,6 +335,7 @@ BENCHMARK(BM_Turn_H264_Decode)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->MeasureProcessCPUTime();
+
 // The same decodes with the block sums gathered while each picture is decoded (the decoder
 // learned the detector's size from one scale first), nothing else: against H264_Decode,
 // what the gathering adds to a turn.
@@ -351,7 +352,6 @@ BENCHMARK(BM_Turn_H264_DecodeGathering)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->MeasureProcessCPUTime();
-
 
 // The same key frames decoded exactly, with the H.264 loop filter that detection decodes skip
 // ("twhost detect --exact-decode").

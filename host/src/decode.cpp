@@ -519,8 +519,7 @@ bool ReducePicture(const AVFrame* pFrame, const PlaneLayout& layout, int fx, int
     for (int p = 0; p < layout.planes; ++p) {
         const PlaneSums& plane = r.planes[p];
         if (!BoxSumPlaneOf(pFrame->data[p], pFrame->linesize[p], fx, fy, plane.width,
-                           plane.height, r.Out(p), plane.stride,
-                           BoxKernel::Best)) {
+                           plane.height, r.Out(p), plane.stride, BoxKernel::Best)) {
             return false;
         }
     }
