@@ -24,6 +24,9 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <chrono>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstdint>
@@ -631,6 +634,71 @@ BENCHMARK(BM_Turn_H264_Whole)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->MeasureProcessCPUTime();
+
+// A turn against its bare decode on the very same decoder: each picture decoded once with
+// nothing else (the sums not gathered, no scale, no detector) and once by a whole turn, the
+// two in turn, each timed on its own. Two benchmarks with decoders of their own differ by a
+// few per cent from one process to the next with nothing changed (where the allocator put
+// each decoder's pictures and tables); here both share one decoder, its pictures and its
+// tables, so the ratio holds what the turn adds and nothing else. Counters: the medians of
+// both, in microseconds, and their ratio.
+void BM_Turn_H264_TurnOverDecode(benchmark::State& state)
+{
+    const FramePair& pair = Inputs::Get().h264[kPainted];
+    PreparedDetector prepared(kCamH264, VIDEO_CODEC_H264);
+    prepared.WarmUp(pair);
+    // Times of each picture (the two differ by a third), bare and whole.
+    std::vector<double> bare[2];
+    std::vector<double> whole[2];
+    int result = 0;
+    // Runs of kRun decodes and then kRun turns, the pictures alternating as a camera's key
+    // frames do. Each decode follows a decode of the other picture and each turn a turn, as
+    // in two benchmarks of their own; the first two of a run, which follow the other kind,
+    // are not counted. (A decode right after a turn on the same picture is about 50 us
+    // quicker than one after the other picture: its packet and tables are still in the cache.)
+    constexpr int kRun = 10;
+    constexpr int kSettle = 2;
+    int step = 0;
+    for (auto _ : state) {
+        const int picture = step % 2;
+        const bool blBare = step < kRun;
+        const bool blCounted = step % kRun >= kSettle;
+        step = (step + 1) % (2 * kRun);
+        const auto& frame = pair.frames[picture];
+        using Clock = std::chrono::steady_clock;
+        const Clock::time_point start = Clock::now();
+        if (blBare) {
+            tw::host::SetSumsWhileDecoding(false);
+            const int ret = DoFFMpegDecode(prepared.Attr().ffmpeg, frame.data(), int(frame.size()));
+            tw::host::SetSumsWhileDecoding(true);
+            if (ret != 0) {
+                state.SkipWithError(tw::host::LastDecodeError());
+                break;
+            }
+        } else {
+            prepared.Turn(frame, result);
+        }
+        const double us = std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+        if (blCounted) (blBare ? bare : whole)[picture].push_back(us);
+        if (TWMotionDetAccess::PrevFrame(prepared.Det()) == nullptr) {
+            state.SkipWithError("a turn failed to decode or judge");
+            break;
+        }
+    }
+    auto median = [](std::vector<double>& v) {
+        if (v.empty()) return 0.0;
+        std::nth_element(v.begin(), v.begin() + ptrdiff_t(v.size() / 2), v.end());
+        return v[v.size() / 2];
+    };
+    // A turn on each picture in turn: the mean of the two pictures' medians.
+    const double bareUs = (median(bare[0]) + median(bare[1])) / 2;
+    const double wholeUs = (median(whole[0]) + median(whole[1])) / 2;
+    state.counters["decode_us"] = bareUs;
+    state.counters["turn_us"] = wholeUs;
+    state.counters["ratio"] = bareUs > 0 ? wholeUs / bareUs : 0.0;
+    state.SetLabel("painted scene, one decoder, last value " + std::to_string(result));
+}
+BENCHMARK(BM_Turn_H264_TurnOverDecode)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // The same turns with every picture's block sums read back after its decode, as before the
 // decoder gathered them.

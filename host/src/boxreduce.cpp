@@ -33,15 +33,15 @@ extern "C" {
 namespace tw::host {
 namespace {
 
-// SetWideAreaKernels' switch.
-std::atomic<bool> g_blWideAreaKernels{true};
+// SetAreaKernelLanes' limit.
+std::atomic<int> g_AreaKernelLanes{16};
 
 // Per-thread scratch: a detector's thread scales one picture at a time.
 struct Scratch {
     std::vector<uint16_t> columns;   // column sums of one row of blocks (general kernel)
     std::vector<uint64_t> lanes;     // running vector sums of one row of blocks (vector kernels)
     std::vector<float> rowSums;      // one vertically averaged row (area step)
-    std::vector<float> planes;       // the area-averaged planes at the target size
+    std::vector<float> rows;         // one row of each plane's averages at the target size
     std::vector<uint32_t> words;     // one row of pixels as 4-byte words before packing
 };
 thread_local Scratch t_Scratch;
@@ -499,29 +499,83 @@ __attribute__((target("avx2"))) void DownRowAvx2(const uint16_t* pFirst, ptrdiff
         row[x] = sum;
     }
 }
+
+// GCC 12 takes the undefined pass-through value of the plain 512-bit intrinsics for a use
+// of an uninitialised variable; it is never read.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
+// Sixteen values at a time, the row's last ones loaded and stored under a mask (no value
+// left to a loop of one at a time): again the same products added in the same order. TAPS
+// rows of weight, so that their pointers and weights stay in registers.
+template <int TAPS>
+__attribute__((target("avx512f,avx512bw,avx512vl"))) inline void DownTapsAvx512(
+    const uint16_t* const* pRows, const float* weight, int width, float* __restrict row)
+{
+    __m512 weights[TAPS];
+    for (int k = 0; k < TAPS; ++k) weights[k] = _mm512_set1_ps(weight[k]);
+    for (int x = 0; x < width; x += 16) {
+        const int count = std::min(16, width - x);
+        const __mmask16 mask = count == 16 ? __mmask16(0xffff) : __mmask16((1u << count) - 1);
+        __m512 sum = _mm512_setzero_ps();
+        for (int k = 0; k < TAPS; ++k) {
+            const __m256i values = _mm256_maskz_loadu_epi16(mask, pRows[k] + x);
+            sum = _mm512_add_ps(sum, _mm512_mul_ps(weights[k], _mm512_cvtepi32_ps(_mm512_cvtepu16_epi32(values))));
+        }
+        _mm512_mask_storeu_ps(row + x, mask, sum);
+    }
+}
+
+__attribute__((target("avx512f,avx512bw,avx512vl"))) void DownRowAvx512(
+    const uint16_t* pFirst, ptrdiff_t stride, const float* wDown, int taps, int width,
+    float* __restrict row)
+{
+    // The taps that weigh anything, in order.
+    constexpr int kMostTaps = 6;
+    const uint16_t* pRows[kMostTaps];
+    float weight[kMostTaps];
+    int used = 0;
+    for (int t = 0; t < taps; ++t) {
+        if (wDown[t] == 0.0f) continue;
+        if (used == kMostTaps) {
+            // A reduction this steep is rare; the plain loop takes any number.
+            _mm256_zeroupper();
+            DownRow(pFirst, stride, wDown, taps, width, row);
+            return;
+        }
+        pRows[used] = pFirst + ptrdiff_t(t) * stride;
+        weight[used] = wDown[t];
+        ++used;
+    }
+    switch (used) {
+    case 0: std::fill(row, row + width, 0.0f); break;
+    case 1: DownTapsAvx512<1>(pRows, weight, width, row); break;
+    case 2: DownTapsAvx512<2>(pRows, weight, width, row); break;
+    case 3: DownTapsAvx512<3>(pRows, weight, width, row); break;
+    case 4: DownTapsAvx512<4>(pRows, weight, width, row); break;
+    case 5: DownTapsAvx512<5>(pRows, weight, width, row); break;
+    default: DownTapsAvx512<6>(pRows, weight, width, row); break;
+    }
+}
+#pragma GCC diagnostic pop
 #endif
 
 using DownRowFn = void (*)(const uint16_t*, ptrdiff_t, const float*, int, int, float*);
 
-// The area average of one plane of sums at targetWidth x targetHeight, still as sums of a
-// block (not yet divided by its area), into pOut (targetWidth values a row). The loops are
-// written for the compiler to vectorise (this file is built with -O3).
-void AreaPlane(const PlaneSums& plane, const AxisTaps& across, const AxisTaps& down,
-               int targetWidth, int targetHeight, std::vector<float>& rowSums, DownRowFn downRow,
-               float* pOut)
+// Row oy of the area average of one plane of sums at targetWidth, still as sums of a block
+// (not yet divided by its area), into pOut (targetWidth values). rowSums holds the plane's
+// width of values. The loops are written for the compiler to vectorise (this file is built
+// with -O3).
+void AreaRow(const PlaneSums& plane, const AxisTaps& across, const AxisTaps& down, int oy,
+             int targetWidth, float* rowSums, DownRowFn downRow, float* pOut)
 {
-    const int width = plane.width;
-    rowSums.resize(size_t(width));
-    float* const pRowSums = rowSums.data();
-    for (int oy = 0; oy < targetHeight; ++oy) {
-        const float* wDown = &down.weight[size_t(oy) * size_t(down.taps)];
-        const uint16_t* pFirst = plane.data + ptrdiff_t(down.first[size_t(oy)]) * plane.stride;
-        // Where the blocks make exactly the target width, the vertical step writes the result.
-        const bool identity = width == targetWidth;
-        float* row = identity ? pOut + ptrdiff_t(oy) * targetWidth : pRowSums;
-        downRow(pFirst, plane.stride, wDown, down.taps, width, row);
-        if (!identity) AcrossRow(row, across, pOut + ptrdiff_t(oy) * targetWidth, targetWidth);
-    }
+    const float* wDown = &down.weight[size_t(oy) * size_t(down.taps)];
+    const uint16_t* pFirst = plane.data + ptrdiff_t(down.first[size_t(oy)]) * plane.stride;
+    // Where the blocks make exactly the target width, the vertical step writes the result.
+    const bool identity = plane.width == targetWidth;
+    float* row = identity ? pOut : rowSums;
+    downRow(pFirst, plane.stride, wDown, down.taps, plane.width, row);
+    if (!identity) AcrossRow(row, across, pOut, targetWidth);
 }
 
 // Pixels from x to the end of the row as 4-byte words (red, green, blue, unused), one
@@ -663,6 +717,66 @@ __attribute__((target("avx2"))) void RgbRowAvx2(const float* __restrict luma,
     }
     PackWordsFrom(x, words, width, pOut);
 }
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
+// Sixteen pixels at a time, packed in registers (a byte shuffle in each 128-bit lane, then
+// the lanes' 12 bytes moved together) and stored under a mask, so that the row's last
+// pixels need no loop of their own and nothing is written past the row. The operations on
+// each pixel are those of RgbRow, in the same order.
+__attribute__((target("avx512f,avx512bw,avx512vl"))) void RgbRowAvx512(
+    const float* __restrict luma, const float* __restrict cb, const float* __restrict cr,
+    bool halfChroma, int width, const RgbMatrix& m, float lumaOffset, float chromaMid,
+    uint32_t* __restrict, uint8_t* __restrict pOut)
+{
+    const __m512 cy = _mm512_set1_ps(m.cy);
+    const __m512 offset = _mm512_set1_ps(lumaOffset);
+    const __m512 mid = _mm512_set1_ps(chromaMid);
+    const __m512 crv = _mm512_set1_ps(m.crv);
+    const __m512 cgu = _mm512_set1_ps(m.cgu);
+    const __m512 cgv = _mm512_set1_ps(m.cgv);
+    const __m512 cbu = _mm512_set1_ps(m.cbu);
+    const __m512 low = _mm512_setzero_ps();
+    const __m512 high = _mm512_set1_ps(255.0f);
+    const __m512 half = _mm512_set1_ps(0.5f);
+    auto toInts = [&](__m512 value) __attribute__((target("avx512f"))) {
+        return _mm512_cvttps_epi32(_mm512_add_ps(_mm512_min_ps(high, _mm512_max_ps(low, value)), half));
+    };
+    const __m512i twice = _mm512_setr_epi32(0, 0, 1, 1, 2, 2, 3, 3, 4, 4, 5, 5, 6, 6, 7, 7);
+    // Each lane's four words to 12 bytes at its start, then the four lanes' 12 to 48 bytes.
+    const __m512i pack = _mm512_broadcast_i32x4(
+        _mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1));
+    const __m512i together = _mm512_setr_epi32(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, 15, 15, 15, 15);
+    for (int x = 0; x < width; x += 16) {
+        const int count = std::min(16, width - x);
+        const __mmask16 mask = count == 16 ? __mmask16(0xffff) : __mmask16((1u << count) - 1);
+        __m512 u;
+        __m512 v;
+        if (halfChroma) {
+            // halfChroma comes with even widths only: count / 2 chroma values.
+            const __mmask8 half8 = __mmask8((1u << (count / 2)) - 1);
+            u = _mm512_permutexvar_ps(twice, _mm512_castps256_ps512(_mm256_maskz_loadu_ps(half8, cb + x / 2)));
+            v = _mm512_permutexvar_ps(twice, _mm512_castps256_ps512(_mm256_maskz_loadu_ps(half8, cr + x / 2)));
+        } else {
+            u = _mm512_maskz_loadu_ps(mask, cb + x);
+            v = _mm512_maskz_loadu_ps(mask, cr + x);
+        }
+        const __m512 y = _mm512_sub_ps(_mm512_mul_ps(cy, _mm512_maskz_loadu_ps(mask, luma + x)), offset);
+        u = _mm512_sub_ps(u, mid);
+        v = _mm512_sub_ps(v, mid);
+        const __m512i red = toInts(_mm512_add_ps(y, _mm512_mul_ps(crv, v)));
+        const __m512i green =
+            toInts(_mm512_sub_ps(_mm512_sub_ps(y, _mm512_mul_ps(cgu, u)), _mm512_mul_ps(cgv, v)));
+        const __m512i blue = toInts(_mm512_add_ps(y, _mm512_mul_ps(cbu, u)));
+        const __m512i word = _mm512_or_si512(
+            red, _mm512_or_si512(_mm512_slli_epi32(green, 8), _mm512_slli_epi32(blue, 16)));
+        const __m512i bytes = _mm512_permutexvar_epi32(together, _mm512_shuffle_epi8(word, pack));
+        const __mmask64 store = (__mmask64(1) << (3 * count)) - 1;
+        _mm512_mask_storeu_epi8(pOut + 3 * x, store, bytes);
+    }
+}
+#pragma GCC diagnostic pop
 #endif
 
 using RgbRowFn = void (*)(const float*, const float*, const float*, bool, int, const RgbMatrix&,
@@ -738,9 +852,20 @@ RgbMatrix RgbMatrixOf(int colorspace, bool fullRange)
     return m;
 }
 
-void SetWideAreaKernels(bool on)
+int SetAreaKernelLanes(int lanes)
 {
-    g_blWideAreaKernels.store(on, std::memory_order_relaxed);
+    g_AreaKernelLanes.store(lanes, std::memory_order_relaxed);
+    return AreaKernelLanes();
+}
+
+int AreaKernelLanes()
+{
+    const int lanes = g_AreaKernelLanes.load(std::memory_order_relaxed);
+#if TW_BOX_X86
+    if (lanes >= 16 && CpuHasAvx512()) return 16;
+    if (lanes >= 8 && CpuHasAvx2()) return 8;
+#endif
+    return 4;
 }
 
 bool AreaToRgb(const PlaneSums* planes, int planeCount, int blockArea, bool fullChroma,
@@ -752,34 +877,42 @@ bool AreaToRgb(const PlaneSums* planes, int planeCount, int blockArea, bool full
     }
     const int chromaWidth = planeCount == 3 ? (fullChroma ? width : (width + 1) / 2) : width;
     try {
-        const size_t lumaValues = size_t(width) * size_t(height);
-        const size_t chromaValues = size_t(chromaWidth) * size_t(height);
-        std::vector<float>& values = t_Scratch.planes;
-        values.resize(lumaValues + 2 * chromaValues);
+        // One row of each plane at a time, converted as soon as it is there: a whole
+        // picture of averages would be written and read back once more, from far in the
+        // cache after a decode.
+        std::vector<float>& values = t_Scratch.rows;
+        values.resize(size_t(width) + 2 * size_t(chromaWidth));
         float* pY = values.data();
-        float* pU = pY + lumaValues;
-        float* pV = pU + chromaValues;
+        float* pU = pY + width;
+        float* pV = pU + chromaWidth;
         DownRowFn downRow = DownRow;
         RgbRowFn rgbRow = RgbRow;
 #if TW_BOX_X86
-        if (CpuHasAvx2() && g_blWideAreaKernels.load(std::memory_order_relaxed)) {
+        const int lanes = AreaKernelLanes();
+        if (lanes == 16) {
+            downRow = DownRowAvx512;
+            rgbRow = RgbRowAvx512;
+        } else if (lanes == 8) {
             downRow = DownRowAvx2;
             rgbRow = RgbRowAvx2;
         }
 #endif
         const AxisTaps& lumaAcross = TapsFor(planes[0].width, width);
         const AxisTaps& lumaDown = TapsFor(planes[0].height, height);
-        AreaPlane(planes[0], lumaAcross, lumaDown, width, height, t_Scratch.rowSums, downRow, pY);
+        const AxisTaps* chromaAcross = nullptr;
+        const AxisTaps* chromaDown = nullptr;
+        size_t rowSums = size_t(planes[0].width);
         // Grey: chroma at its middle, which the conversion takes as no colour.
-        float chromaMid = 128.0f * float(blockArea);
+        const float chromaMid = 128.0f * float(blockArea);
         if (planeCount == 3) {
-            const AxisTaps& chromaAcross = TapsFor(planes[1].width, chromaWidth);
-            const AxisTaps& chromaDown = TapsFor(planes[1].height, height);
-            AreaPlane(planes[1], chromaAcross, chromaDown, chromaWidth, height, t_Scratch.rowSums, downRow, pU);
-            AreaPlane(planes[2], chromaAcross, chromaDown, chromaWidth, height, t_Scratch.rowSums, downRow, pV);
+            chromaAcross = &TapsFor(planes[1].width, chromaWidth);
+            chromaDown = &TapsFor(planes[1].height, height);
+            rowSums = std::max(rowSums, size_t(planes[1].width));
         } else {
-            std::fill(pU, pU + 2 * chromaValues, chromaMid);
+            std::fill(pU, pU + 2 * chromaWidth, chromaMid);
         }
+        std::vector<float>& across = t_Scratch.rowSums;
+        across.resize(rowSums);
 
         // The sums are divided by the block's area in the matrix.
         const float perSum = 1.0f / float(blockArea);
@@ -794,9 +927,13 @@ bool AreaToRgb(const PlaneSums* planes, int planeCount, int blockArea, bool full
         words.resize(size_t(width));
         const bool halfChroma = planeCount == 3 && !fullChroma;
         for (int y = 0; y < height; ++y) {
-            rgbRow(pY + ptrdiff_t(y) * width, pU + ptrdiff_t(y) * chromaWidth,
-                   pV + ptrdiff_t(y) * chromaWidth, halfChroma, width, m, lumaOffset, chromaMid,
-                   words.data(), out + ptrdiff_t(y) * width * 3);
+            AreaRow(planes[0], lumaAcross, lumaDown, y, width, across.data(), downRow, pY);
+            if (planeCount == 3) {
+                AreaRow(planes[1], *chromaAcross, *chromaDown, y, chromaWidth, across.data(), downRow, pU);
+                AreaRow(planes[2], *chromaAcross, *chromaDown, y, chromaWidth, across.data(), downRow, pV);
+            }
+            rgbRow(pY, pU, pV, halfChroma, width, m, lumaOffset, chromaMid, words.data(),
+                   out + ptrdiff_t(y) * width * 3);
         }
     } catch (const std::bad_alloc&) {
         return false;

@@ -339,15 +339,20 @@ TEST(ScaleReduce, EveryBoxKernelGivesTheGeneralSumsToTheBit)
     printf("%d vector kernel runs compared with the general sums\n", compared);
 }
 
-// Where the CPU has AVX2, the area average and the conversion to RGB take eight values at
-// a time; the four-at-a-time path must give the same bytes on every kind of picture and
-// target: chroma at half and full width, grey, targets that cut blocks (taps across), steep
-// reductions (more taps than the wide path holds in registers) and rows that end in part of
-// a register.
+// Where the CPU has AVX2 or AVX-512, the area average and the conversion to RGB take eight
+// or sixteen values at a time; every path must give the bytes of the four-at-a-time one on
+// every kind of picture and target: chroma at half and full width, grey, targets that cut
+// blocks (taps across), steep reductions (more taps than the wide paths hold in registers)
+// and rows that end in part of a register.
 TEST(ScaleReduce, WideAreaKernelsGiveTheSameBytes)
 {
-    if (__builtin_cpu_supports("avx2") == 0) {
-        GTEST_SKIP() << "this CPU has no AVX2: only the four-at-a-time path runs";
+    std::vector<int> paths;
+    for (int lanes : {4, 8, 16}) {
+        if (tw::host::SetAreaKernelLanes(lanes) == lanes) paths.push_back(lanes);
+    }
+    tw::host::SetAreaKernelLanes(16);
+    if (paths.size() < 2) {
+        GTEST_SKIP() << "this CPU has neither AVX2 nor AVX-512: only the four-at-a-time path runs";
     }
     struct Picture {
         AVPixelFormat format;
@@ -357,7 +362,7 @@ TEST(ScaleReduce, WideAreaKernelsGiveTheSameBytes)
     const Picture pictures[] = {{AV_PIX_FMT_YUV420P, 1920, 1080}, {AV_PIX_FMT_YUV444P, 1280, 960},
                                 {AV_PIX_FMT_GRAY8, 1920, 1080},   {AV_PIX_FMT_YUV420P, 1279, 720},
                                 {AV_PIX_FMT_YUV422P, 2592, 1944}, {AV_PIX_FMT_YUV411P, 1440, 1080}};
-    const int targets[][2] = {{0, 0}, {97, 53}, {121, 68}, {7, 5}, {480, 270}, {13, 9}};
+    const int targets[][2] = {{0, 0}, {97, 53}, {121, 68}, {7, 5}, {480, 270}, {13, 9}, {22, 17}};
     int compared = 0;
     for (const Picture& picture : pictures) {
         FFmpegAttr attr{};
@@ -368,32 +373,35 @@ TEST(ScaleReduce, WideAreaKernelsGiveTheSameBytes)
             int dstWidth = t[0];
             int dstHeight = t[1];
             if (dstWidth == 0) DetectorSize(picture.width, picture.height, dstWidth, dstHeight);
-            std::vector<unsigned char> scaled[2];
-            for (int wide = 0; wide < 2; ++wide) {
-                tw::host::SetWideAreaKernels(wide == 1);
-                unsigned char* out = nullptr;
-                int size = 0, w = dstWidth, h = dstHeight;
-                const int ret = DoFFMpegScale(attr, out, size, w, h, 0);
-                tw::host::SetWideAreaKernels(true);
-                ASSERT_EQ(ret, 0) << tw::host::LastDecodeError();
-                ASSERT_EQ(size, dstWidth * dstHeight * 3);
-                scaled[wide].assign(out, out + size);
-                free(out);
-            }
             const std::string what = std::string(av_get_pix_fmt_name(picture.format)) + " " +
                                      std::to_string(picture.width) + "x" + std::to_string(picture.height) +
                                      " -> " + std::to_string(dstWidth) + "x" + std::to_string(dstHeight);
-            EXPECT_EQ(scaled[0], scaled[1]) << what << ": the wide path changed the picture";
+            std::vector<unsigned char> scaled[3];
+            for (size_t k = 0; k < paths.size(); ++k) {
+                tw::host::SetAreaKernelLanes(paths[k]);
+                unsigned char* out = nullptr;
+                int size = 0, w = dstWidth, h = dstHeight;
+                const int ret = DoFFMpegScale(attr, out, size, w, h, 0);
+                tw::host::SetAreaKernelLanes(16);
+                ASSERT_EQ(ret, 0) << tw::host::LastDecodeError();
+                ASSERT_EQ(size, dstWidth * dstHeight * 3);
+                scaled[k].assign(out, out + size);
+                free(out);
+                if (k > 0) {
+                    EXPECT_EQ(scaled[0], scaled[k])
+                        << what << ": the path of " << paths[k] << " values at a time changed the picture";
+                    ++compared;
+                }
+            }
             // Not a trivial picture: a flat one would hide a lane in the wrong place.
             EXPECT_NE(*std::min_element(scaled[0].begin(), scaled[0].end()),
                       *std::max_element(scaled[0].begin(), scaled[0].end()))
                 << what;
-            ++compared;
         }
         unsigned char* none = nullptr;
         DoFFMpegFree(attr, none);
     }
-    EXPECT_EQ(compared, 36);
+    EXPECT_EQ(compared, 42 * int(paths.size() - 1));
 }
 
 // Factors the vector kernels do not take go the general way; out-of-range factors and a

@@ -37,12 +37,15 @@ void SetSumsWhileDecoding(bool on);
 // H.264): for tests and benchmarks that must know which way a picture went.
 uint64_t ScalesFromDecodeSums(const FFmpegAttr& attr);
 
-// Where the CPU has AVX2, the area average of the block sums and their conversion to RGB
-// (the steps after the sums) take eight values at a time; the operations on each value
-// are the same, so the scaled picture is the same to the bit. false keeps them to the
-// four-at-a-time path every x86-64 CPU has; for the tests that hold the two to the same
-// bytes. Process-wide; default true.
-void SetWideAreaKernels(bool on);
+// The area average of the block sums and their conversion to RGB (the steps after the
+// sums) take as many values at a time as the CPU's registers hold: 16 with AVX-512, 8 with
+// AVX2, 4 on any other x86-64 CPU. The operations on each value are the same on every
+// path, so the scaled picture is the same to the bit. SetAreaKernelLanes limits the paths
+// to at most `lanes` values at a time and returns what the limit leaves on this CPU
+// (4, 8 or 16); for the tests that hold the paths to the same bytes. Process-wide; the
+// default takes the widest.
+int SetAreaKernelLanes(int lanes);
+int AreaKernelLanes();
 
 // The integer box factors DoFFMpegScale reduces the planes of a srcWidth x srcHeight
 // picture in pixel format pixFormat (an AVPixelFormat) by before it scales to dstWidth x
