@@ -461,29 +461,40 @@ void DownRow(const uint16_t* pFirst, ptrdiff_t stride, const float* wDown, int t
 }
 
 #if TW_BOX_X86
+// The taps of one target row that weigh anything, in order: their rows into pRows and
+// their weights into weight, at most `most` of them. The count, or -1 when there are more
+// (a reduction so steep is rare; the plain loop takes any number).
+int WeightedTaps(const uint16_t* pFirst, ptrdiff_t stride, const float* wDown, int taps,
+                 int most, const uint16_t** pRows, float* weight)
+{
+    int used = 0;
+    for (int t = 0; t < taps; ++t) {
+        if (wDown[t] == 0.0f) continue;
+        if (used == most) return -1;
+        pRows[used] = pFirst + ptrdiff_t(t) * stride;
+        weight[used] = wDown[t];
+        ++used;
+    }
+    return used;
+}
+
 // The same, eight values held in a register across all the taps instead of being stored
 // and loaded again for each: the same products added in the same order, so the same bits.
 __attribute__((target("avx2"))) void DownRowAvx2(const uint16_t* pFirst, ptrdiff_t stride,
                                                  const float* wDown, int taps, int width,
                                                  float* __restrict row)
 {
-    // The taps that weigh anything, in order, their weights ready in registers.
+    // The taps that weigh anything, their weights ready in registers.
     constexpr int kMostTaps = 8;
     const uint16_t* pRows[kMostTaps];
-    __m256 weights[kMostTaps];
-    int used = 0;
-    for (int t = 0; t < taps; ++t) {
-        if (wDown[t] == 0.0f) continue;
-        if (used == kMostTaps) {
-            // A reduction this steep is rare; the plain loop takes any number.
-            _mm256_zeroupper();
-            DownRow(pFirst, stride, wDown, taps, width, row);
-            return;
-        }
-        pRows[used] = pFirst + ptrdiff_t(t) * stride;
-        weights[used] = _mm256_set1_ps(wDown[t]);
-        ++used;
+    float weight[kMostTaps];
+    const int used = WeightedTaps(pFirst, stride, wDown, taps, kMostTaps, pRows, weight);
+    if (used < 0) {
+        DownRow(pFirst, stride, wDown, taps, width, row);
+        return;
     }
+    __m256 weights[kMostTaps];
+    for (int k = 0; k < used; ++k) weights[k] = _mm256_set1_ps(weight[k]);
     int x = 0;
     for (; x + 8 <= width; x += 8) {
         __m256 sum = _mm256_setzero_ps();
@@ -530,22 +541,13 @@ __attribute__((target("avx512f,avx512bw,avx512vl"))) void DownRowAvx512(
     const uint16_t* pFirst, ptrdiff_t stride, const float* wDown, int taps, int width,
     float* __restrict row)
 {
-    // The taps that weigh anything, in order.
     constexpr int kMostTaps = 6;
     const uint16_t* pRows[kMostTaps];
     float weight[kMostTaps];
-    int used = 0;
-    for (int t = 0; t < taps; ++t) {
-        if (wDown[t] == 0.0f) continue;
-        if (used == kMostTaps) {
-            // A reduction this steep is rare; the plain loop takes any number.
-            _mm256_zeroupper();
-            DownRow(pFirst, stride, wDown, taps, width, row);
-            return;
-        }
-        pRows[used] = pFirst + ptrdiff_t(t) * stride;
-        weight[used] = wDown[t];
-        ++used;
+    const int used = WeightedTaps(pFirst, stride, wDown, taps, kMostTaps, pRows, weight);
+    if (used < 0) {
+        DownRow(pFirst, stride, wDown, taps, width, row);
+        return;
     }
     switch (used) {
     case 0: std::fill(row, row + width, 0.0f); break;
