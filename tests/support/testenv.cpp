@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <gtest/gtest.h>
+
 namespace tw::test {
 
 ScopedLogCapture::ScopedLogCapture() : m_Sink(std::make_shared<tw::host::CaptureLogSink>()) {
@@ -18,6 +20,25 @@ Camera AddCamera(int camId, int videoCodec, const tw::host::DetSettingValues& se
     tw::host::CameraStore::Instance().Put(camera);
     tw::host::DetSettingStore::Instance().Put(camId, settings);
     return camera;
+}
+
+bool FirstCaseOfProcess() {
+    const ::testing::UnitTest* unit = ::testing::UnitTest::GetInstance();
+    const ::testing::TestInfo* current = unit->current_test_info();
+    if (current == nullptr || GTEST_FLAG_GET(shuffle) || GTEST_FLAG_GET(repeat) != 1) {
+        return false;
+    }
+    // Unshuffled, the cases run in the order they are listed: every one listed before this
+    // one that is to run has run.
+    for (int i = 0; i < unit->total_test_suite_count(); ++i) {
+        const ::testing::TestSuite* suite = unit->GetTestSuite(i);
+        for (int j = 0; j < suite->total_test_count(); ++j) {
+            const ::testing::TestInfo* info = suite->GetTestInfo(j);
+            if (info == current) return true;
+            if (info->should_run()) return false;
+        }
+    }
+    return false;
 }
 
 ScopedVerboseLog::ScopedVerboseLog() {

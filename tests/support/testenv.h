@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "twhost/clipmaker.h"
 #include "twhost/logsink.h"
 #include "twhost/stores.h"
@@ -42,6 +44,23 @@ private:
 // keep pace on a busy machine, with a key frame every 6 frames, so that each 300 ms turn of
 // the detector finds a new one; the object moves in the given [start, end) seconds.
 tw::host::ClipSpec SmallClip(int codec, double durationSec, std::vector<std::pair<double, double>> motion);
+
+// Whether the running test case is the first this process runs. The motion detectors'
+// learning counter belongs to the process and is never reset, so a case that watches it
+// from its start needs a process of its own: ctest gives every case one, a direct run of a
+// test program runs them all in one (and --gtest_repeat or --gtest_shuffle runs them in an
+// order that cannot be told from here, so there the answer is no).
+bool FirstCaseOfProcess();
+
+// Opens a case that needs the learning counter from its start: skipped, with the reason,
+// unless it is the first of its process.
+#define TW_NEEDS_FRESH_LEARNING_COUNTER()                                                    \
+    do {                                                                                     \
+        if (!::tw::test::FirstCaseOfProcess()) {                                             \
+            GTEST_SKIP() << "the detectors' learning counter belongs to the process and "    \
+                            "other cases used it first; run this case alone (ctest does)"; \
+        }                                                                                    \
+    } while (false)
 
 // Moves this process's shared-memory keys (TW_SHM_KEY_BASE) to a base of its own inside
 // a region of 512 slots of 0x80000 keys from regionStart, chosen by the process id, while

@@ -56,6 +56,7 @@ const std::string kAll(TW_DET_REGION_CELLS, '1');
 const std::string kNone(TW_DET_REGION_CELLS, '0');
 
 TEST_F(Judge, LearningMovesBackgroundHalfwayForThreeComparisonsIgnoringMask) {
+    TW_NEEDS_FRESH_LEARNING_COUNTER();
     Configure(100, 1, 40, 10, kNone);
     FillBackground(100);
     std::vector<unsigned char> cur(400, 200);
@@ -77,6 +78,7 @@ TEST_F(Judge, LearningMovesBackgroundHalfwayForThreeComparisonsIgnoringMask) {
 }
 
 TEST_F(Judge, LearningTruncatesTowardZeroBothWays) {
+    TW_NEEDS_FRESH_LEARNING_COUNTER();
     Configure(100, 1, 40, 1, kAll);
     FillBackground(3);
     std::vector<unsigned char> cur(40, 0);
@@ -88,6 +90,7 @@ TEST_F(Judge, LearningTruncatesTowardZeroBothWays) {
 }
 
 TEST_F(Judge, NullFramesAreNoMotionAndDoNotCountForLearning) {
+    TW_NEEDS_FRESH_LEARNING_COUNTER();
     Configure(100, 0, 40, 1, kAll);
     std::vector<unsigned char> cur(40, 0);
     int result = 5;

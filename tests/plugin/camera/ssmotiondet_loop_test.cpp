@@ -9,7 +9,8 @@
 //
 // The learning counter of the judgement is shared by the whole process. Tests that need
 // real verdicts from their first comparison end the learning phase first (PassLearning);
-// the one test about learning relies on running in a process of its own, as ctest does.
+// the one test about learning needs a process of its own, as ctest gives it, and says so
+// when it has none.
 #include <gtest/gtest.h>
 #include <sys/shm.h>
 #include <unistd.h>
@@ -346,8 +347,8 @@ TEST_F(ShortLive, MotionCountWrapsAfter255AndHoldsMotionBackAgain) {
     ExpectLastEvent(true);
 }
 
-// Relies on ctest's one process per test case: the learning counter starts at 0 here.
 TEST_F(DetLoop, FirstThreeComparisonsOfTheProcessOnlyLearn) {
+    TW_NEEDS_FRESH_LEARNING_COUNTER();
     tw::test::ScopedVerboseLog verbose;
     Make(VIDEO_CODEC_JPEG, Settings(80, 1, 0));
     tw::host::SetFifoFormat(m_Fifo, VIDEO_CODEC_JPEG, 640, 360, {});
