@@ -416,4 +416,13 @@ TEST_F(Judge, SetDetBlocksRebuildsForANewSize) {
     EXPECT_EQ(A::DetHeight(Det()), 90);
 }
 
+// What the learning cases above rely on to run or to skip: alone in its process (as ctest
+// runs every case) this case is the first; listed last, it is not the first whenever other
+// cases run with it; shuffled or repeated runs get no for an answer.
+TEST_F(Judge, FirstCaseOfProcessTellsAFreshProcessFromAUsedOne) {
+    const bool alone = ::testing::UnitTest::GetInstance()->test_to_run_count() == 1 &&
+                       !GTEST_FLAG_GET(shuffle) && GTEST_FLAG_GET(repeat) == 1;
+    EXPECT_EQ(tw::test::FirstCaseOfProcess(), alone);
+}
+
 }  // namespace
