@@ -37,14 +37,18 @@ TEST_F(ExecutorTest, ConcurrentRequestsStatusReadsAndManualOperationsEndWithNoAc
         std::map<int, int> act, outputs;
         while (!blStop) {
             m_pExec->GetStatus(act, outputs);
+            ++statusReads;
             for (const auto& s : outputs) {
                 ASSERT_GE(s.second, 0);
                 ASSERT_LE(s.second, 3);
             }
             ASSERT_EQ(act.count(9), 1u);
-            ++statusReads;
         }
     });
+    // The requests start once the reader has read the status: on a loaded machine the
+    // hosts could otherwise be done before the reader first runs, and no read would meet a
+    // request.
+    while (statusReads.load() == 0) std::this_thread::yield();
     std::vector<std::thread> hosts;
     for (int t = 0; t < 3; ++t) {
         hosts.emplace_back([this, t] {
@@ -77,7 +81,6 @@ TEST_F(ExecutorTest, ConcurrentRequestsStatusReadsAndManualOperationsEndWithNoAc
     ticker.join();
     manual.join();
     reader.join();
-    EXPECT_GT(statusReads.load(), 0);
 
     // The worker may have been between passes when the last request came: after the first
     // tick it surely waits, so the second one runs a full pass over everything pending.
