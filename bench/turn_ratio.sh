@@ -10,10 +10,11 @@
 # runs of ten, for as long as MIN_TIME seconds (default 5). Its ratio moves less, since
 # the two sides share the decoder and its tables, and the script quotes its median too.
 #
-# Usage: turn_ratio.sh [BUILD_DIR] [RUNS] [REPS]
+# Usage: [MIN_TIME=S] turn_ratio.sh [BUILD_DIR] [RUNS] [REPS]
 #   BUILD_DIR  build tree holding bin/detector_bench (default: ../build next to this script)
 #   RUNS       separate runs (default 6)
-#   REPS       repetitions of each benchmark in a run (default 5)
+#   REPS       repetitions of each benchmark in a run, at least 2 (default 5)
+#   MIN_TIME   seconds of TurnOverDecode in a run (default 5)
 
 set -eu
 
@@ -25,6 +26,11 @@ RUNS=${2:-6}
 REPS=${3:-5}
 bench_positive RUNS "$RUNS"
 bench_positive REPS "$REPS"
+if [ "$REPS" -lt 2 ]; then
+    # detector_bench reports medians only of repeated benchmarks.
+    echo "$BENCH_NAME: REPS must be at least 2, not $REPS" >&2
+    exit 2
+fi
 MIN_TIME=${MIN_TIME:-5}
 bench_positive MIN_TIME "$MIN_TIME"
 BENCH="$BUILD_DIR/bin/detector_bench"
@@ -34,16 +40,20 @@ if [ ! -x "$BENCH" ]; then
 fi
 bench_workdir
 
+# detector_bench with these options, its JSON in $WORK/run.txt; ends the script if it fails.
+run_bench() {
+    "$BENCH" "$@" --benchmark_format=json >"$WORK/run.txt" 2>"$WORK/err.txt" ||
+        { echo "$BENCH_NAME: detector_bench failed:" >&2; cat "$WORK/run.txt" "$WORK/err.txt" >&2; exit 1; }
+}
+
 : >"$WORK/ratios.txt"
 : >"$WORK/one_decoder.txt"
 run=1
 while [ "$run" -le "$RUNS" ]; do
     # JSON: the times with all their digits (the console rounds them to three, a third of a
     # per cent of a 3 ms decode). Google Benchmark writes one key a line.
-    "$BENCH" --benchmark_filter='H264_(Decode|Whole)/scene:0' --benchmark_repetitions="$REPS" \
-        --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true \
-        --benchmark_format=json >"$WORK/run.txt" 2>"$WORK/err.txt" ||
-        { echo "$BENCH_NAME: detector_bench failed:" >&2; cat "$WORK/run.txt" "$WORK/err.txt" >&2; exit 1; }
+    run_bench --benchmark_filter='H264_(Decode|Whole)/scene:0' --benchmark_repetitions="$REPS" \
+        --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true
     #   "name": "BM_Turn_H264_Decode/scene:0/process_time/real_time_median",
     #   ...
     #   "real_time": 3.1023442238938324e+00,
@@ -64,9 +74,7 @@ while [ "$run" -le "$RUNS" ]; do
     echo "run $run: decode $2 ms, whole turn $3 ms, ratio $1"
     echo "$1" >>"$WORK/ratios.txt"
 
-    "$BENCH" --benchmark_filter='H264_TurnOverDecode' --benchmark_min_time="$MIN_TIME" \
-        --benchmark_format=json >"$WORK/run.txt" 2>"$WORK/err.txt" ||
-        { echo "$BENCH_NAME: detector_bench failed:" >&2; cat "$WORK/run.txt" "$WORK/err.txt" >&2; exit 1; }
+    run_bench --benchmark_filter='H264_TurnOverDecode' --benchmark_min_time="$MIN_TIME"
     #   "decode_us": 3.1094e+03,
     #   "ratio": 1.0353e+00,
     #   "turn_us": 3.2191e+03
