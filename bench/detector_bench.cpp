@@ -640,34 +640,43 @@ BENCHMARK(BM_Turn_H264_Whole)
 // two in turn, each timed on its own. Two benchmarks with decoders of their own differ by a
 // few per cent from one process to the next with nothing changed (where the allocator put
 // each decoder's pictures and tables); here both share one decoder, its pictures and its
-// tables, so the ratio holds what the turn adds and nothing else. Counters: the medians of
-// both, in microseconds, and their ratio.
+// tables, so the ratio holds what the turn adds and nothing else. Counters: decode_us,
+// turn_us and ratio (turn over decode); whole_turn_us and whole_ratio for turns whose
+// pictures are decoded whole instead of into the ring; cycles, and in_ring (pictures the
+// decoder put into the ring).
 void BM_Turn_H264_TurnOverDecode(benchmark::State& state)
 {
     const FramePair& pair = Inputs::Get().h264[kPainted];
     PreparedDetector prepared(kCamH264, VIDEO_CODEC_H264);
     prepared.WarmUp(pair);
-    // Times of each picture (the two differ by a third), bare and whole.
-    std::vector<double> bare[2];
-    std::vector<double> whole[2];
+    // Three kinds of step: the bare decode, the turn, and the turn with its picture decoded
+    // whole instead of into the ring (tw::host::SetRingWhileDecoding(false)).
+    enum Kind { kBare, kTurn, kTurnWhole, kKinds };
     int result = 0;
-    // Runs of kRun decodes and then kRun turns, the pictures alternating as a camera's key
-    // frames do. Each decode follows a decode of the other picture and each turn a turn, as
-    // in two benchmarks of their own; the first two of a run, which follow the other kind,
-    // are not counted. (A decode right after a turn on the same picture is about 50 us
-    // quicker than one after the other picture: its packet and tables are still in the cache.)
+    // Cycles of three runs of kRun steps, one run of each kind, the pictures alternating as
+    // a camera's key frames do. Each decode follows a decode of the other picture and each
+    // turn a turn, as in benchmarks of their own; the first two steps of a run, which follow
+    // the other kind, are not counted. (A decode right after a turn on the same picture is
+    // about 50 us quicker than one after the other picture: its packet and tables are still
+    // in the cache.)
     constexpr int kRun = 10;
     constexpr int kSettle = 2;
+    // The machine's pace drifts by several per cent within seconds, in spells longer than a
+    // cycle (about 100 ms), so each cycle's kinds are compared with each other: its mean
+    // step of each kind, the two turns over the decode; the figures are the medians over
+    // the cycles.
+    double sum[kKinds] = {0, 0, 0};
+    std::vector<double> cycleUs[kKinds];
+    std::vector<double> cycleRatio[kKinds];
     int step = 0;
     for (auto _ : state) {
         const int picture = step % 2;
-        const bool blBare = step < kRun;
+        const Kind kind = static_cast<Kind>(step / kRun);
         const bool blCounted = step % kRun >= kSettle;
-        step = (step + 1) % (2 * kRun);
         const auto& frame = pair.frames[picture];
         using Clock = std::chrono::steady_clock;
         const Clock::time_point start = Clock::now();
-        if (blBare) {
+        if (kind == kBare) {
             tw::host::SetSumsWhileDecoding(false);
             const int ret = DoFFMpegDecode(prepared.Attr().ffmpeg, frame.data(), int(frame.size()));
             tw::host::SetSumsWhileDecoding(true);
@@ -676,13 +685,24 @@ void BM_Turn_H264_TurnOverDecode(benchmark::State& state)
                 break;
             }
         } else {
+            tw::host::SetRingWhileDecoding(kind == kTurn);
             prepared.Turn(frame, result);
+            tw::host::SetRingWhileDecoding(true);
         }
         const double us = std::chrono::duration<double, std::micro>(Clock::now() - start).count();
-        if (blCounted) (blBare ? bare : whole)[picture].push_back(us);
+        if (blCounted) sum[kind] += us;
         if (TWMotionDetAccess::PrevFrame(prepared.Det()) == nullptr) {
             state.SkipWithError("a turn failed to decode or judge");
             break;
+        }
+        step = (step + 1) % (kKinds * kRun);
+        if (step == 0) {
+            // Each kind's counted steps are the same number, half on each picture.
+            for (int k = 0; k < kKinds; ++k) {
+                cycleUs[k].push_back(sum[k] / (kRun - kSettle));
+                cycleRatio[k].push_back(sum[k] / sum[kBare]);
+            }
+            std::fill(std::begin(sum), std::end(sum), 0.0);
         }
     }
     auto median = [](std::vector<double>& v) {
@@ -690,12 +710,16 @@ void BM_Turn_H264_TurnOverDecode(benchmark::State& state)
         std::nth_element(v.begin(), v.begin() + ptrdiff_t(v.size() / 2), v.end());
         return v[v.size() / 2];
     };
-    // A turn on each picture in turn: the mean of the two pictures' medians.
-    const double bareUs = (median(bare[0]) + median(bare[1])) / 2;
-    const double wholeUs = (median(whole[0]) + median(whole[1])) / 2;
-    state.counters["decode_us"] = bareUs;
-    state.counters["turn_us"] = wholeUs;
-    state.counters["ratio"] = bareUs > 0 ? wholeUs / bareUs : 0.0;
+    state.counters["cycles"] = double(cycleUs[kBare].size());
+    state.counters["decode_us"] = median(cycleUs[kBare]);
+    state.counters["turn_us"] = median(cycleUs[kTurn]);
+    state.counters["ratio"] = median(cycleRatio[kTurn]);
+    state.counters["whole_turn_us"] = median(cycleUs[kTurnWhole]);
+    state.counters["whole_ratio"] = median(cycleRatio[kTurnWhole]);
+    state.counters["in_ring"] = double(tw::host::PicturesInRing(prepared.Attr().ffmpeg));
+    if (tw::host::PicturesInRing(prepared.Attr().ffmpeg) == 0) {
+        state.SkipWithError("no turn decoded its picture into the ring");
+    }
     state.SetLabel("painted scene, one decoder, last value " + std::to_string(result));
 }
 BENCHMARK(BM_Turn_H264_TurnOverDecode)->Unit(benchmark::kMillisecond)->UseRealTime();

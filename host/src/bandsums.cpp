@@ -2,6 +2,9 @@
 
 #include "bandsums.h"
 
+#include "picturering.h"
+
+#include <cstring>
 #include <new>
 
 extern "C" {
@@ -46,6 +49,46 @@ bool ReducedPicture::Size(int width, int height, const PlaneLayout& layout, int 
 }
 
 std::atomic<bool> BandSums::s_blEnabled{true};
+std::atomic<bool> BandSums::s_blRingEnabled{true};
+
+bool IdrAccessUnit(const uint8_t* data, int size)
+{
+    if (data == nullptr || size < 4) {
+        return false;
+    }
+    // A packet that does not begin with a start code is not Annex B.
+    if (!(data[0] == 0 && data[1] == 0 && (data[2] == 1 || (data[2] == 0 && data[3] == 1)))) {
+        return false;
+    }
+    // The slices of a picture are all IDR slices or none is, so the first slice tells. A
+    // second picture in the packet is no IDR picture; see Decoded. Start codes cannot occur
+    // inside a NAL unit (emulation prevention), so every 00 00 01 begins one.
+    const uint8_t* const pEnd = data + size;
+    const uint8_t* p = data + 2;
+    while (p + 1 < pEnd) {
+        p = static_cast<const uint8_t*>(memchr(p, 1, size_t(pEnd - 1 - p)));
+        if (p == nullptr) {
+            return false;
+        }
+        if (p[-1] == 0 && p[-2] == 0) {
+            const int type = p[1] & 0x1f;
+            if (type >= 1 && type <= 5) {
+                return type == 5;
+            }
+        }
+        ++p;
+    }
+    return false;
+}
+
+BandSums::BandSums() = default;
+
+BandSums::~BandSums()
+{
+    for (AVPacket*& pKept : m_pKept) {
+        av_packet_free(&pKept);
+    }
+}
 
 bool BandSums::Attach(AVCodecContext* pCtx)
 {
@@ -62,6 +105,7 @@ bool BandSums::Attach(AVCodecContext* pCtx)
     // Rows in the order they are decoded, which for H.264 is also the picture they belong
     // to (not the one shown next).
     pCtx->slice_flags = SLICE_FLAG_CODED_ORDER;
+    pCtx->get_buffer2 = &BandSums::OnGetBuffer;
     return true;
 }
 
@@ -82,11 +126,21 @@ BandSums* BandSums::Of(const AVCodecContext* pCtx)
     return static_cast<BandSums*>(pCtx->opaque);
 }
 
-void BandSums::Begin(const AVCodecContext* pCtx)
+void BandSums::Begin(const AVCodecContext* pCtx, const AVPacket* pPacket, bool mayRing)
 {
     m_blGathering = s_blEnabled.load(std::memory_order_relaxed) && m_blLearned &&
                     !m_blSlicedApart.load(std::memory_order_relaxed) &&
                     pCtx->skip_loop_filter >= AVDISCARD_ALL;
+    // A replay starts from the key frame before this one, which must be one whose picture
+    // owes nothing to the decoder's state.
+    m_blPacketIdr = -1;
+    if (mayRing && m_blGathering && !m_blRingRefused && m_blLastWhole &&
+        s_blRingEnabled.load(std::memory_order_relaxed) && pPacket != nullptr) {
+        m_blPacketIdr = IdrAccessUnit(pPacket->data, pPacket->size) ? 1 : 0;
+    }
+    m_blRingNow = m_blPacketIdr == 1;
+    m_blRingLent = false;
+    m_pRingData = nullptr;
     m_Owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
     m_blSpoiled.store(false, std::memory_order_relaxed);
     m_RowsReady = 0;
@@ -95,6 +149,111 @@ void BandSums::Begin(const AVCodecContext* pCtx)
         m_Linesize[p] = 0;
         m_BlockRowsDone[p] = 0;
     }
+}
+
+int BandSums::OnGetBuffer(AVCodecContext* pCtx, AVFrame* pFrame, int flags)
+{
+    BandSums* pSums = Of(pCtx);
+    if (pSums != nullptr && pSums->m_blRingNow && !pSums->m_blRingLent &&
+        std::this_thread::get_id() == pSums->m_Owner.load(std::memory_order_relaxed)) {
+        // One picture a packet: a second one (a second field, a second picture in the
+        // packet) would wipe the first.
+        pSums->m_blRingLent = true;
+        if (pSums->LendRing(pCtx, pFrame)) {
+            return 0;
+        }
+    }
+    return avcodec_default_get_buffer2(pCtx, pFrame, flags);
+}
+
+bool BandSums::LendRing(const AVCodecContext* pCtx, AVFrame* pFrame)
+{
+    if (pCtx->width != m_Width || pCtx->height != m_Height || pCtx->pix_fmt != m_Format ||
+        pFrame->format != m_Format) {
+        return false;
+    }
+    int width = pFrame->width;
+    int height = pFrame->height;
+    int linesizeAlign[AV_NUM_DATA_POINTERS] = {};
+    avcodec_align_dimensions2(const_cast<AVCodecContext*>(pCtx), &width, &height,
+                              linesizeAlign);
+    int align = 1;
+    for (int p = 0; p < m_Layout.planes; ++p) {
+        align = FFMAX(align, linesizeAlign[p]);
+    }
+    // Rows of a block of sums that the decoder has not finished when it reports a band
+    // reach back at most fy - 1 rows; the band it writes next and the row above it, which
+    // intra prediction reads, must not land on them.
+    const int shortestBand =
+        PictureRing::kBandRows >> (m_Layout.planes > 1 ? m_Layout.chromaShiftY : 0);
+    const int bands = FFMAX(4, 2 + (m_Fy - 1 + shortestBand - 1) / shortestBand);
+    if (!m_pRing || !m_pRing->Fits(width, height, m_Format, bands, align)) {
+        m_pRing.reset();
+        m_pRing = PictureRing::Make(width, height, m_Format, m_Layout, bands, align);
+        if (!m_pRing) {
+            m_blRingRefused = true;   // the system will not give us the mappings
+            return false;
+        }
+    }
+    if (!m_pRing->Lend(pFrame)) {
+        return false;
+    }
+    m_pRingData = pFrame->data[0];
+    // Until a flush, the decoder may keep it as a reference or for error concealment.
+    m_blRingInDecoder = true;
+    return true;
+}
+
+void BandSums::Decoded(AVPacket* pPacket, const AVFrame* pOut, bool got)
+{
+    // Whatever picture came out of a packet that had the ring is taken for one in the ring:
+    // a second picture in the packet may have predicted from the first.
+    m_blPictureInRing = got && m_pRingData != nullptr;
+    m_RingPictures += m_blPictureInRing ? 1 : 0;
+    // Whether the next packet may go into the ring; not worth a look at the packet where
+    // it cannot (the bare decodes of the benchmarks among them).
+    bool blIdr = false;
+    if (got && s_blEnabled.load(std::memory_order_relaxed) &&
+        s_blRingEnabled.load(std::memory_order_relaxed) && !m_blRingRefused) {
+        blIdr = m_blPacketIdr >= 0 ? m_blPacketIdr == 1
+                                   : IdrAccessUnit(pPacket->data, pPacket->size);
+    }
+    m_blLastWhole = blIdr && pOut->decode_error_flags == 0 &&
+                    (pOut->flags & AV_FRAME_FLAG_CORRUPT) == 0;
+    for (AVPacket*& pKept : m_pKept) {
+        if (pKept == nullptr) {
+            pKept = av_packet_alloc();
+        }
+    }
+    if (m_pKept[0] == nullptr || m_pKept[1] == nullptr) {
+        // Without room to keep it there is no replay, so no ring for the next packet.
+        m_blLastWhole = false;
+        return;
+    }
+    av_packet_unref(m_pKept[0]);
+    av_packet_move_ref(m_pKept[0], m_pKept[1]);
+    av_packet_move_ref(m_pKept[1], pPacket);
+}
+
+const AVPacket* BandSums::ReplayFirst() const
+{
+    return m_pKept[0] != nullptr && m_pKept[0]->size > 0 ? m_pKept[0] : nullptr;
+}
+
+const AVPacket* BandSums::ReplaySecond() const
+{
+    return m_pKept[1] != nullptr && m_pKept[1]->size > 0 ? m_pKept[1] : nullptr;
+}
+
+void BandSums::Replayed(bool sameRequest, const AVFrame* pWhole)
+{
+    if (sameRequest && pWhole != nullptr && pWhole->decode_error_flags == 0 &&
+        (pWhole->flags & AV_FRAME_FLAG_CORRUPT) == 0) {
+        m_blRingRefused = true;
+    }
+    ++m_Replays;
+    m_blPictureInRing = false;
+    m_blRingInDecoder = false;
 }
 
 void BandSums::Learn(int width, int height, int format, const PlaneLayout& layout, int fx,
@@ -149,8 +308,14 @@ void BandSums::Band(const AVCodecContext* pCtx, const AVFrame* pSrc, int y, int 
     }
     // 3: a frame picture. Field pictures and rows out of order, repeated or missing (a
     // second picture in the packet, a lost slice) end the gathering of this picture.
+    // A ring picture holds bands of one row of macroblocks (the last one cut to the
+    // picture's height); taller ones (macroblock pairs) wrote over rows the decoder still
+    // read.
     if (type != 3 || height <= 0 || y != m_RowsReady || (y == 0 && !Starts(pCtx, pSrc)) ||
-        pSrc->data[0] != m_pData[0]) {
+        pSrc->data[0] != m_pData[0] ||
+        (m_pRingData != nullptr && pSrc->data[0] == m_pRingData &&
+         height != PictureRing::kBandRows &&
+         !(height < PictureRing::kBandRows && y + height == m_Height))) {
         m_blSpoiled.store(true, std::memory_order_relaxed);
         return;
     }
@@ -179,6 +344,15 @@ void BandSums::Band(const AVCodecContext* pCtx, const AVFrame* pSrc, int y, int 
 const ReducedPicture* BandSums::Take(const AVFrame* pFrame, const PlaneLayout& layout, int fx,
                                      int fy)
 {
+    if (!Whole(pFrame, layout, fx, fy)) {
+        return nullptr;
+    }
+    ++m_Served;
+    return &m_Sums;
+}
+
+bool BandSums::Whole(const AVFrame* pFrame, const PlaneLayout& layout, int fx, int fy) const
+{
     const bool blWhole =
         m_blGathering && !m_blSpoiled.load(std::memory_order_relaxed) &&
         m_RowsReady >= m_Height && pFrame->width == m_Width && pFrame->height == m_Height &&
@@ -187,16 +361,15 @@ const ReducedPicture* BandSums::Take(const AVFrame* pFrame, const PlaneLayout& l
         layout.chromaShiftY == m_Layout.chromaShiftY && pFrame->decode_error_flags == 0 &&
         (pFrame->flags & AV_FRAME_FLAG_CORRUPT) == 0;
     if (!blWhole) {
-        return nullptr;
+        return false;
     }
     for (int p = 0; p < layout.planes; ++p) {
         if (pFrame->data[p] != m_pData[p] || pFrame->linesize[p] != m_Linesize[p] ||
             m_BlockRowsDone[p] != m_Sums.planes[p].height) {
-            return nullptr;
+            return false;
         }
     }
-    ++m_Served;
-    return &m_Sums;
+    return true;
 }
 
 }  // namespace tw::host

@@ -18,18 +18,30 @@
 //   - the decoder flagged no damage (error concealment rewrites reported rows afterwards);
 //   - the picture handed out is the one whose rows were reported (same buffer, size, format).
 // Anything else takes the ordinary path through the finished picture.
+//
+// Where the sums are all a picture is decoded for, its rows need not outlive them: a
+// picture that is an IDR access unit, decoded where the sums are taken, goes into a ring of
+// a few macroblock rows (picturering.h) instead of a whole picture. Such a picture is not
+// whole afterwards, so whatever else wants it (another size, another filter, a damaged
+// picture that error concealment rewrote) gets it decoded again into an ordinary picture,
+// from the same decoder state: the decoder is flushed and given the key frame before it
+// again (the ring is only used when that one was an undamaged IDR access unit, whose
+// picture owes nothing to what came before) and then this one. A packet that would predict
+// from the ring's picture (anything but an IDR access unit) gets the same replay first.
 #pragma once
 
 #include "boxreduce.h"
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <thread>
 #include <vector>
 
 extern "C" {
 struct AVCodecContext;
 struct AVFrame;
+struct AVPacket;
 }
 
 namespace tw::host {
@@ -56,10 +68,22 @@ private:
     size_t offsets[3] = {0, 0, 0};
 };
 
+class PictureRing;
+
+// Whether an H.264 Annex B packet holds slices and all of them are IDR slices.
+bool IdrAccessUnit(const uint8_t* data, int size);
+
 class BandSums {
 public:
     // SetSumsWhileDecoding's switch.
     static std::atomic<bool> s_blEnabled;
+    // SetRingWhileDecoding's switch.
+    static std::atomic<bool> s_blRingEnabled;
+
+    BandSums();
+    ~BandSums();
+    BandSums(const BandSums&) = delete;
+    BandSums& operator=(const BandSums&) = delete;
 
     // Gives an H.264 decoder context, before it is opened, the state and the callback;
     // other codecs are left as they are. False when out of memory.
@@ -70,20 +94,54 @@ public:
     static BandSums* Of(const AVCodecContext* pCtx);
 
     // Before a packet goes in: gather its picture if the last one was reduced and nothing
-    // rules it out. Called on the thread that decodes.
-    void Begin(const AVCodecContext* pCtx);
+    // rules it out, and decode it into the ring if mayRing and it qualifies. Called on the
+    // thread that decodes.
+    void Begin(const AVCodecContext* pCtx, const AVPacket* pPacket, bool mayRing);
+    // After a packet of the stream was decoded (not a replay): keeps it, and the one before,
+    // for a replay. got tells whether pOut holds its picture.
+    void Decoded(AVPacket* pPacket, const AVFrame* pOut, bool got);
+    // Whether Begin let this packet go into the ring.
+    bool RingNow() const { return m_blRingNow; }
+    // Whether the sums are gathered for exactly this layout and these factors.
+    bool GatheredFor(const PlaneLayout& layout, int fx, int fy) const
+    {
+        return m_blGathering && fx == m_Fx && fy == m_Fy && layout.planes == m_Layout.planes &&
+               layout.chromaShiftX == m_Layout.chromaShiftX &&
+               layout.chromaShiftY == m_Layout.chromaShiftY;
+    }
+    // The decoder was flushed: it holds no picture of the ring any more.
+    void Flushed() { m_blRingInDecoder = false; }
+    // The last picture handed out lies in the ring: not whole.
+    bool PictureInRing() const { return m_blPictureInRing; }
+    // The decoder may hold a picture of the ring as a reference.
+    bool RingInDecoder() const { return m_blRingInDecoder; }
+    // The packets a replay decodes, in order (the first may be null), and the end of the
+    // replay. sameRequest tells whether the picture in the ring was wanted reduced by the
+    // factors it was gathered for: if so, and it was not damaged, the stream is one the ring
+    // does not fit (fields, macroblock pairs, slices on two threads) and is not offered it
+    // again.
+    const AVPacket* ReplayFirst() const;
+    const AVPacket* ReplaySecond() const;
+    void Replayed(bool sameRequest, const AVFrame* pWhole);
     // After a reduction: what to gather from the next picture.
     void Learn(int width, int height, int format, const PlaneLayout& layout, int fx, int fy);
     // The sums of pFrame if they were gathered whole, for exactly this layout and these
     // factors; null otherwise.
     const ReducedPicture* Take(const AVFrame* pFrame, const PlaneLayout& layout, int fx,
                                int fy);
+    // Whether Take would give the sums.
+    bool Whole(const AVFrame* pFrame, const PlaneLayout& layout, int fx, int fy) const;
     // Reductions served from gathered sums since the context was opened.
     uint64_t Served() const { return m_Served; }
+    // Pictures handed out from the ring, and replays, since the context was opened.
+    uint64_t RingPictures() const { return m_RingPictures; }
+    uint64_t Replays() const { return m_Replays; }
 
 private:
     static void OnBand(AVCodecContext* pCtx, const AVFrame* pSrc, int offset[], int y,
                        int type, int height);
+    static int OnGetBuffer(AVCodecContext* pCtx, AVFrame* pFrame, int flags);
+    bool LendRing(const AVCodecContext* pCtx, AVFrame* pFrame);
     void Band(const AVCodecContext* pCtx, const AVFrame* pSrc, int y, int type, int height);
     bool Starts(const AVCodecContext* pCtx, const AVFrame* pSrc);
 
@@ -114,6 +172,22 @@ private:
     // Once slices of this stream came from two threads, its pictures are not gathered again:
     // the rows summed before that would be thrown away on every picture.
     std::atomic<bool> m_blSlicedApart{false};
+
+    // The ring and what was done with it; the decoding thread's alone.
+    std::shared_ptr<PictureRing> m_pRing;
+    bool m_blRingNow = false;        // this packet may have a ring picture
+    int m_blPacketIdr = -1;          // whether it is an IDR access unit; -1 not looked at
+    bool m_blRingLent = false;       // and got one
+    const uint8_t* m_pRingData = nullptr;
+    bool m_blPictureInRing = false;
+    bool m_blRingInDecoder = false;
+    bool m_blRingRefused = false;
+    // The last two packets decoded, the older first, and whether the last one was an
+    // undamaged IDR access unit that gave its picture.
+    AVPacket* m_pKept[2] = {nullptr, nullptr};
+    bool m_blLastWhole = false;
+    uint64_t m_RingPictures = 0;
+    uint64_t m_Replays = 0;
 };
 
 }  // namespace tw::host

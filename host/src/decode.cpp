@@ -363,6 +363,98 @@ int ReceiveNewest(AVCodecContext* pCtx, AVFrame* pScratch, AVFrame* pKeep)
     }
 }
 
+// Sends pPacket (left as it is) and takes the newest picture it gives into attr.pFrame.
+// 1 when a picture came; otherwise 0 or a libavcodec error, with the error text set.
+// mayRing lets the picture go into the ring (bandsums.h). szWho names the caller's entry.
+int SendAndReceive(FFmpegAttr& attr, const AVPacket* pPacket, bool mayRing, const char* szWho)
+{
+    AVCodecContext* pCtx = attr.pCodecCtx;
+    BandSums* pBands = BandSums::Of(pCtx);
+    av_frame_unref(attr.pFrame);
+    AVFrame* pScratch = av_frame_alloc();
+    if (pScratch == nullptr) {
+        SetDecodeError("%s: out of memory", szWho);
+        return AVERROR(ENOMEM);
+    }
+    auto flush = [&] {
+        avcodec_flush_buffers(pCtx);
+        if (pBands != nullptr) {
+            pBands->Flushed();
+        }
+    };
+    char szErr[AV_ERROR_MAX_STRING_SIZE];
+    const int size = pPacket->size;
+    if (pBands != nullptr) {
+        pBands->Begin(pCtx, pPacket, mayRing);
+    }
+    int ret = avcodec_send_packet(pCtx, pPacket);
+    if (ret == AVERROR(EAGAIN)) {
+        // Pictures of an earlier frame are still waiting; they are older than this one.
+        ReceiveNewest(pCtx, pScratch, attr.pFrame);
+        av_frame_unref(attr.pFrame);
+        ret = avcodec_send_packet(pCtx, pPacket);
+    }
+
+    int got = 0;
+    if (ret < 0) {
+        SetDecodeError("%s: %s rejected %d bytes: %s", szWho, pCtx->codec->name, size,
+                       AvErrorText(ret, szErr, sizeof(szErr)));
+        flush();
+        got = ret;
+    } else {
+        got = ReceiveNewest(pCtx, pScratch, attr.pFrame);
+        if (got == 0) {
+            // A decoder with reordering delay (B-frames) holds the picture back until later
+            // frames arrive, and we only hand it key frames 300 ms apart. Draining makes it
+            // give the picture up now; flushing then lets it take the next frame.
+            if (avcodec_send_packet(pCtx, nullptr) >= 0) {
+                got = ReceiveNewest(pCtx, pScratch, attr.pFrame);
+            }
+            flush();
+            if (got == 0) {
+                SetDecodeError("%s: %s gave no picture for %d bytes", szWho, pCtx->codec->name,
+                               size);
+            }
+        }
+        if (got < 0) {
+            SetDecodeError("%s: %s failed on %d bytes: %s", szWho, pCtx->codec->name, size,
+                           AvErrorText(got, szErr, sizeof(szErr)));
+            flush();
+        }
+    }
+    av_frame_free(&pScratch);
+    if (got > 0 && (attr.pFrame->width < 1 || attr.pFrame->height < 1)) {
+        SetDecodeError("%s: %s gave a picture of %dx%d pixels for %d bytes", szWho,
+                       pCtx->codec->name, attr.pFrame->width, attr.pFrame->height, size);
+        got = 0;
+    }
+    if (got <= 0) {
+        av_frame_unref(attr.pFrame);
+    }
+    return got;
+}
+
+// Decodes the last packet again into an ordinary picture in attr.pFrame, from the state its
+// first decode started from: a flushed decoder that is given the key frame before it first
+// (bandsums.h). The caller holds a DecodeSlot. 1 when the picture came.
+int ReplayWhole(FFmpegAttr& attr, const char* szWho)
+{
+    BandSums* pBands = BandSums::Of(attr.pCodecCtx);
+    avcodec_flush_buffers(attr.pCodecCtx);
+    pBands->Flushed();
+    if (const AVPacket* pFirst = pBands->ReplayFirst()) {
+        // Only its place in the decoder's state is wanted, not its picture.
+        SendAndReceive(attr, pFirst, false, szWho);
+    }
+    const AVPacket* pSecond = pBands->ReplaySecond();
+    if (pSecond == nullptr) {
+        av_frame_unref(attr.pFrame);
+        SetDecodeError("%s: the last packet was not kept for decoding again", szWho);
+        return 0;
+    }
+    return SendAndReceive(attr, pSecond, false, szWho);
+}
+
 // The integer stored in an enum field that libavcodec filled from the stream. Reading the
 // field as its enum type is undefined when the stream put a value there that no enumerator
 // names, so the bytes are read as the int they are.
@@ -649,10 +741,30 @@ int ScalePicture(FFmpegAttr& attr, unsigned char*& out, int& outSize, int width,
     int fx = 1;
     int fy = 1;
     PlaneLayout layout;
-    // Another libswscale filter asked for by name gets exactly that filter.
-    if (blMayReduce && flags == 0) {
-        ReduceFactors(pFrame->width, pFrame->height, pFrame->format, width, height, fx, fy,
-                      layout);
+    auto factors = [&] {
+        // Another libswscale filter asked for by name gets exactly that filter.
+        if (blMayReduce && flags == 0) {
+            ReduceFactors(pFrame->width, pFrame->height, pFrame->format, width, height, fx,
+                          fy, layout);
+        }
+    };
+    factors();
+    BandSums* pBands = BandSums::Of(attr.pCodecCtx);
+    if (pBands != nullptr && pBands->PictureInRing() &&
+        (!(fx > 1 || fy > 1) || !pBands->Whole(pFrame, layout, fx, fy))) {
+        // The picture's rows are gone but for its sums, and these are not what is wanted.
+        const bool sameRequest = (fx > 1 || fy > 1) && pBands->GatheredFor(layout, fx, fy);
+        int got = 0;
+        {
+            DecodeSlot slot;
+            got = ReplayWhole(attr, "DoFFMpegScale");
+        }
+        pBands->Replayed(sameRequest, got > 0 ? attr.pFrame : nullptr);
+        if (got <= 0) {
+            attr.blHasPicture = 0;
+            return -1;
+        }
+        factors();   // the same packet, so the same picture; but its size is what counts
     }
     const size_t bytes = size_t(width) * size_t(height) * 3;
     // libswscale's vector code stores whole registers and may write up to 16 bytes past the
@@ -698,6 +810,23 @@ int SetExactDecode(FFmpegAttr& attr, bool exact)
 void SetSumsWhileDecoding(bool on)
 {
     BandSums::s_blEnabled.store(on, std::memory_order_relaxed);
+}
+
+void SetRingWhileDecoding(bool on)
+{
+    BandSums::s_blRingEnabled.store(on, std::memory_order_relaxed);
+}
+
+uint64_t PicturesInRing(const FFmpegAttr& attr)
+{
+    const BandSums* pBands = BandSums::Of(attr.pCodecCtx);
+    return pBands != nullptr ? pBands->RingPictures() : 0;
+}
+
+uint64_t RingReplays(const FFmpegAttr& attr)
+{
+    const BandSums* pBands = BandSums::Of(attr.pCodecCtx);
+    return pBands != nullptr ? pBands->Replays() : 0;
 }
 
 uint64_t ScalesFromDecodeSums(const FFmpegAttr& attr)
@@ -858,57 +987,26 @@ int DoFFMpegDecode(FFmpegAttr& attr, const unsigned char* data, int size)
     }
     memcpy(pPacket->data, data, size_t(size));
 
-    AVFrame* pScratch = av_frame_alloc();
-    if (pScratch == nullptr) {
-        av_packet_unref(pPacket);
-        SetDecodeError("DoFFMpegDecode: out of memory");
-        return -1;
-    }
-    char szErr[AV_ERROR_MAX_STRING_SIZE];
     // Held until the picture is out: the decode is what the cameras of a process queue for.
     tw::host::DecodeSlot slot;
-    if (tw::host::BandSums* pBands = tw::host::BandSums::Of(pCtx)) {
-        pBands->Begin(pCtx);
+    tw::host::BandSums* pBands = tw::host::BandSums::Of(pCtx);
+    if (pBands != nullptr && pBands->RingInDecoder()) {
+        // The decoder may predict from the ring's last picture, or conceal damage with it,
+        // unless this packet goes into the ring too (an IDR access unit, whose damage is
+        // replayed when the picture is scaled): the decoder gets that picture whole first.
+        pBands->Begin(pCtx, pPacket, true);
+        if (!pBands->RingNow()) {
+            tw::host::ReplayWhole(attr, "DoFFMpegDecode");
+            av_frame_unref(attr.pFrame);
+            pBands->Replayed(false, nullptr);
+        }
     }
-    int ret = avcodec_send_packet(pCtx, pPacket);
-    if (ret == AVERROR(EAGAIN)) {
-        // Pictures of an earlier frame are still waiting; they are older than this one.
-        tw::host::ReceiveNewest(pCtx, pScratch, attr.pFrame);
-        av_frame_unref(attr.pFrame);
-        ret = avcodec_send_packet(pCtx, pPacket);
+    const int got = tw::host::SendAndReceive(attr, pPacket, true, "DoFFMpegDecode");
+    if (pBands != nullptr) {
+        pBands->Decoded(pPacket, attr.pFrame, got > 0);
     }
     av_packet_unref(pPacket);
-
-    int got = 0;
-    if (ret < 0) {
-        SetDecodeError("DoFFMpegDecode: %s rejected %d bytes: %s", pCtx->codec->name, size,
-                       tw::host::AvErrorText(ret, szErr, sizeof(szErr)));
-        avcodec_flush_buffers(pCtx);
-    } else {
-        got = tw::host::ReceiveNewest(pCtx, pScratch, attr.pFrame);
-        if (got == 0) {
-            // A decoder with reordering delay (B-frames) holds the picture back until later
-            // frames arrive, and we only hand it key frames 300 ms apart. Draining makes it
-            // give the picture up now; flushing then lets it take the next frame.
-            if (avcodec_send_packet(pCtx, nullptr) >= 0) {
-                got = tw::host::ReceiveNewest(pCtx, pScratch, attr.pFrame);
-            }
-            avcodec_flush_buffers(pCtx);
-            if (got == 0) {
-                SetDecodeError("DoFFMpegDecode: %s gave no picture for %d bytes",
-                               pCtx->codec->name, size);
-            }
-        }
-        if (got < 0) {
-            SetDecodeError("DoFFMpegDecode: %s failed on %d bytes: %s", pCtx->codec->name,
-                           size, tw::host::AvErrorText(got, szErr, sizeof(szErr)));
-            avcodec_flush_buffers(pCtx);
-        }
-    }
-    av_frame_free(&pScratch);
-
-    if (got <= 0 || attr.pFrame->width < 1 || attr.pFrame->height < 1) {
-        av_frame_unref(attr.pFrame);
+    if (got <= 0) {
         return -1;
     }
     attr.blHasPicture = 1;

@@ -18,7 +18,9 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavutil/frame.h>
 #include <libavutil/log.h>
+#include <libswscale/swscale.h>
 }
 
 namespace {
@@ -63,6 +65,18 @@ TEST(DecodeSums, EveryPictureAfterTheFirstIsSummedWhileDecodingToTheSameBytes)
         EXPECT_EQ(picture.size(), size_t(120 * 67 * 3));
     }
     EXPECT_EQ(gathered.fromDecodeSums, (std::vector<bool>{false, true, true, true}));
+    // From the second picture on, the key frame before is an undamaged IDR picture and the
+    // sums are taken: the pictures go into the ring, and nothing needs them whole.
+    EXPECT_EQ(gathered.inRing, (std::vector<bool>{false, true, true, true}));
+    EXPECT_EQ(gathered.replays, 0u);
+
+    ScaleRunOptions wholePictures = options;
+    wholePictures.ring = false;
+    const ScaleRun whole = DecodeAndScale(video, wholePictures);
+    ASSERT_TRUE(whole.error.empty()) << whole.error;
+    EXPECT_EQ(whole.pictures, gathered.pictures);
+    EXPECT_EQ(whole.fromDecodeSums, (std::vector<bool>{false, true, true, true}));
+    EXPECT_EQ(whole.inRing, (std::vector<bool>{false, false, false, false}));
 }
 
 TEST(DecodeSums, OtherSizesAndFactorsGiveTheSameBytes)
@@ -93,8 +107,11 @@ TEST(DecodeSums, ANewTargetSizeIsLearnedFromThePictureScaledToIt)
     options.sizes = {{128, 72}, {128, 72}, {120, 67}, {120, 67}, {120, 67}};
     const ScaleRun gathered = ScaleWith(video, options, true);
     ExpectSamePictures(gathered, ScaleWith(video, options, false));
-    // The third picture was summed for 128 x 72 and is asked for at 120 x 67.
+    // The third picture was summed for 128 x 72 and is asked for at 120 x 67: it lay in the
+    // ring and is decoded again whole, once; the ring goes on with the new size.
     EXPECT_EQ(gathered.fromDecodeSums, (std::vector<bool>{false, true, false, true, true}));
+    EXPECT_EQ(gathered.inRing, (std::vector<bool>{false, true, true, true, true}));
+    EXPECT_EQ(gathered.replays, 1u);
 }
 
 TEST(DecodeSums, ExactDecodeReadsEveryPictureBack)
@@ -106,6 +123,7 @@ TEST(DecodeSums, ExactDecodeReadsEveryPictureBack)
     const ScaleRun gathered = ScaleWith(video, options, true);
     ExpectSamePictures(gathered, ScaleWith(video, options, false));
     EXPECT_EQ(CountTrue(gathered.fromDecodeSums), 0u);
+    EXPECT_EQ(CountTrue(gathered.inRing), 0u);
 }
 
 TEST(DecodeSums, PicturesHeldBackForReorderingGiveTheSameBytes)
@@ -121,6 +139,71 @@ TEST(DecodeSums, PicturesHeldBackForReorderingGiveTheSameBytes)
         EXPECT_EQ(picture.size(), size_t(120 * 67 * 3));
     }
     EXPECT_EQ(gathered.fromDecodeSums, (std::vector<bool>{false, true, true, true}));
+    EXPECT_EQ(gathered.inRing, (std::vector<bool>{false, true, true, true}));
+    EXPECT_EQ(gathered.replays, 0u);
+}
+
+TEST(DecodeSums, KeyFramesThatAreNotIdrPicturesStayWhole)
+{
+    // An open GOP: x264 codes the key frames after the first as I pictures that B-frames
+    // before them predict from, not IDR pictures. Such a picture may depend on the decoder's
+    // state, so it cannot be decoded again from the key frame before it.
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 640, 368, 16, 4, 2, "open-gop=1");
+    const ScaleRunOptions options;
+    const ScaleRun gathered = ScaleWith(video, options, true);
+    ExpectSamePictures(gathered, ScaleWith(video, options, false));
+    ASSERT_EQ(gathered.pictures.size(), 4u);
+    EXPECT_EQ(gathered.fromDecodeSums, (std::vector<bool>{false, true, true, true}));
+    EXPECT_EQ(gathered.inRing, (std::vector<bool>{false, false, false, false}));
+}
+
+TEST(DecodeSums, AFrameThatPredictsFromARingPictureGetsItWhole)
+{
+    // I P I P I P: key frames 0, 2 and 4, then the P frame that follows the last one. The
+    // decoder is given the ring's picture whole again before it predicts from it.
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 1280, 720, 6, 2);
+    ASSERT_EQ(video.packets.size(), 6u);
+    ASSERT_TRUE(video.packets[4].keyFrame);
+    ASSERT_FALSE(video.packets[5].keyFrame);
+    ScaleRunOptions options;
+    options.order = {0, 2, 4, 5, 1};
+    const ScaleRun gathered = ScaleWith(video, options, true);
+    ExpectSamePictures(gathered, ScaleWith(video, options, false));
+    EXPECT_EQ(gathered.inRing, (std::vector<bool>{false, true, true, false, false}));
+    EXPECT_EQ(gathered.replays, 1u);
+    for (size_t i = 0; i < gathered.pictures.size(); ++i) {
+        EXPECT_EQ(gathered.pictures[i].size(), size_t(120 * 67 * 3)) << "picture " << i;
+    }
+}
+
+TEST(DecodeSums, APacketOfTwoPicturesGivesTheSameBytes)
+{
+    // An IDR picture and the P picture after it in one packet: the IDR picture goes into the
+    // ring, and the P picture that predicts from it must not come out of it, now or later.
+    // I P I P I+P I P: key frames 0, 2, 4 (with 5) and 6, then 7.
+    const TestVideo original = BusyClip(VIDEO_CODEC_H264, 1280, 720, 8, 2);
+    ASSERT_EQ(original.packets.size(), 8u);
+    ASSERT_TRUE(original.packets[4].keyFrame);
+    ASSERT_TRUE(original.packets[6].keyFrame);
+    TestVideo video = original;
+    auto& both = video.packets[4].data;
+    both.insert(both.end(), video.packets[5].data.begin(), video.packets[5].data.end());
+    ScaleRunOptions options;
+    options.order = {0, 2, 4, 6, 7};
+    const ScaleRun gathered = ScaleWith(video, options, true);
+    ExpectSamePictures(gathered, ScaleWith(video, options, false));
+    EXPECT_EQ(gathered.inRing, (std::vector<bool>{false, true, true, true, false}));
+    // Before 7, which predicts from 6.
+    EXPECT_EQ(gathered.replays, 1u);
+
+    // libavcodec gives the first picture of such a packet; the pictures after it are those
+    // of the packets on their own.
+    ScaleRunOptions apart = options;
+    apart.ring = false;
+    apart.order = {0, 2, 4, 6, 7};
+    const ScaleRun separate = DecodeAndScale(original, apart);
+    ASSERT_EQ(separate.pictures.size(), 5u);
+    EXPECT_EQ(gathered.pictures, separate.pictures);
 }
 
 TEST(DecodeSums, InterlacedPicturesCodedInFieldPairsGiveTheSameBytes)
@@ -132,7 +215,12 @@ TEST(DecodeSums, InterlacedPicturesCodedInFieldPairsGiveTheSameBytes)
     const ScaleRunOptions options;
     const ScaleRun gathered = ScaleWith(video, options, true);
     ExpectSamePictures(gathered, ScaleWith(video, options, false));
+    // The second picture went into the ring, where its macroblock pairs wrote over the rows
+    // the decoder still read: it is decoded again whole (and summed on the way), and the
+    // stream is not given the ring again.
     EXPECT_EQ(gathered.fromDecodeSums, (std::vector<bool>{false, true, true}));
+    EXPECT_EQ(gathered.inRing, (std::vector<bool>{false, true, false}));
+    EXPECT_EQ(gathered.replays, 1u);
 }
 
 TEST(DecodeSums, ADamagedPictureIsReadBack)
@@ -148,6 +236,11 @@ TEST(DecodeSums, ADamagedPictureIsReadBack)
     ExpectSamePictures(gathered, ScaleWith(video, options, false));
     EXPECT_FALSE(gathered.fromDecodeSums[1]);
     EXPECT_TRUE(gathered.fromDecodeSums[2]);
+    // The damaged picture lay in the ring; error concealment fills its lost rows from the
+    // picture before, so it is decoded again with that one whole. The next key frame
+    // follows a damaged one and is decoded whole.
+    EXPECT_EQ(gathered.inRing, (std::vector<bool>{false, true, false}));
+    EXPECT_EQ(gathered.replays, 1u);
 }
 
 TEST(DecodeSums, OnlyH264DecodersGatherSums)
@@ -158,6 +251,7 @@ TEST(DecodeSums, OnlyH264DecodersGatherSums)
     const ScaleRun gathered = ScaleWith(video, options, true);
     ExpectSamePictures(gathered, ScaleWith(video, options, false));
     EXPECT_EQ(CountTrue(gathered.fromDecodeSums), 0u);
+    EXPECT_EQ(CountTrue(gathered.inRing), 0u);
 }
 
 TEST(DecodeSums, RowsReportedByAnotherThreadEndTheGatheringForTheStream)
@@ -204,6 +298,102 @@ TEST(DecodeSums, RowsReportedByAnotherThreadEndTheGatheringForTheStream)
     decodeAndScale(3);
     EXPECT_EQ(tw::host::ScalesFromDecodeSums(attr), 1u);
     DoFFMpegFree(attr, pImage);
+}
+
+// Decodes key frames 0 to 2 of video on a detection decoder, scaling each to 128 x 72, with
+// the ring on or off; then scales the last picture the other ways a caller can ask for it.
+struct OtherWays {
+    std::vector<unsigned char> reduced, filtered, full, reducedAgain;
+    uint64_t inRing = 0;
+    uint64_t replays = 0;
+};
+
+OtherWays ScaleTheLastPictureOtherWays(const TestVideo& video, bool ring)
+{
+    OtherWays result;
+    tw::host::SetRingWhileDecoding(ring);
+    FFmpegAttr attr{};
+    EXPECT_EQ(DoFFMpegInitVideo(attr, VIDEO_CODEC_H264, nullptr, 0), 0)
+        << tw::host::LastDecodeError();
+    unsigned char* pImage = nullptr;
+    int imageSize = 0;
+    auto scale = [&](int flags, bool full, std::vector<unsigned char>& out) {
+        int width = 128;
+        int height = 72;
+        const int ret = full ? tw::host::DoFFMpegScaleFull(attr, pImage, imageSize, width,
+                                                           height, flags)
+                             : DoFFMpegScale(attr, pImage, imageSize, width, height, flags);
+        EXPECT_EQ(ret, 0) << tw::host::LastDecodeError();
+        if (ret == 0) out.assign(pImage, pImage + imageSize);
+    };
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(DoFFMpegDecode(attr, video.packets[i].data.data(),
+                                 int(video.packets[i].data.size())), 0)
+            << tw::host::LastDecodeError();
+        scale(0, false, result.reduced);
+    }
+    scale(SWS_BILINEAR, false, result.filtered);
+    scale(0, true, result.full);
+    scale(0, false, result.reducedAgain);
+    result.inRing = tw::host::PicturesInRing(attr);
+    result.replays = tw::host::RingReplays(attr);
+    DoFFMpegFree(attr, pImage);
+    tw::host::SetRingWhileDecoding(true);
+    return result;
+}
+
+TEST(DecodeSums, APictureInTheRingAskedForAnotherWayIsDecodedAgainWhole)
+{
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 1280, 720, 3, 1);
+    ASSERT_EQ(video.packets.size(), 3u);
+    const OtherWays ring = ScaleTheLastPictureOtherWays(video, true);
+    const OtherWays whole = ScaleTheLastPictureOtherWays(video, false);
+    EXPECT_EQ(ring.inRing, 2u);
+    EXPECT_EQ(whole.inRing, 0u);
+    // Once for the other filter; after that the picture is whole.
+    EXPECT_EQ(ring.replays, 1u);
+    EXPECT_EQ(whole.replays, 0u);
+    ASSERT_FALSE(ring.reduced.empty());
+    EXPECT_EQ(ring.reduced, whole.reduced);
+    EXPECT_EQ(ring.filtered, whole.filtered);
+    EXPECT_EQ(ring.full, whole.full);
+    EXPECT_EQ(ring.reducedAgain, whole.reducedAgain);
+    EXPECT_EQ(ring.reducedAgain, ring.reduced);
+}
+
+TEST(DecodeSums, ARingPictureOutlivesItsDecoder)
+{
+    // The ring's memory goes with the last picture that holds it, not with the decoder: a
+    // reference taken to a picture stays readable memory after the decoder is freed.
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 640, 368, 2, 1);
+    ASSERT_EQ(video.packets.size(), 2u);
+    FFmpegAttr attr{};
+    ASSERT_EQ(DoFFMpegInitVideo(attr, VIDEO_CODEC_H264, nullptr, 0), 0);
+    unsigned char* pImage = nullptr;
+    int imageSize = 0;
+    for (const auto& packet : video.packets) {
+        ASSERT_EQ(DoFFMpegDecode(attr, packet.data.data(), int(packet.data.size())), 0);
+        int width = 120;
+        int height = 67;
+        ASSERT_EQ(DoFFMpegScale(attr, pImage, imageSize, width, height, 0), 0);
+    }
+    ASSERT_EQ(tw::host::PicturesInRing(attr), 1u);
+    AVFrame* pHeld = av_frame_clone(attr.pFrame);
+    ASSERT_NE(pHeld, nullptr);
+    ASSERT_EQ(DoFFMpegResetContext(attr), 0);
+    DoFFMpegFree(attr, pImage);
+    // Every row of every plane is still mapped: reading them all must not fault.
+    unsigned sum = 0;
+    for (int p = 0; p < 3; ++p) {
+        const int rows = p == 0 ? pHeld->height : (pHeld->height + 1) / 2;
+        const int columns = p == 0 ? pHeld->width : (pHeld->width + 1) / 2;
+        for (int y = 0; y < rows; ++y) {
+            const uint8_t* row = pHeld->data[p] + ptrdiff_t(y) * pHeld->linesize[p];
+            for (int x = 0; x < columns; ++x) sum += row[x];
+        }
+    }
+    EXPECT_GT(sum, 0u);
+    av_frame_free(&pHeld);
 }
 
 }  // namespace

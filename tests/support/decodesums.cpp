@@ -58,6 +58,10 @@ void ExpectSamePictures(const ScaleRun& gathered, const ScaleRun& readBack)
         EXPECT_FALSE(readBack.fromDecodeSums[i])
             << "picture " << i << " took sums gathered while decoding with gathering off";
     }
+    for (size_t i = 0; i < readBack.inRing.size(); ++i) {
+        EXPECT_FALSE(readBack.inRing[i])
+            << "picture " << i << " went into the ring with gathering off";
+    }
 }
 
 ScaleRun DecodeAndScale(const TestVideo& video, const ScaleRunOptions& options)
@@ -72,27 +76,40 @@ ScaleRun DecodeAndScale(const TestVideo& video, const ScaleRunOptions& options)
     tw::host::SetExactDecode(attr, options.exactDecode);
     unsigned char* pImage = nullptr;
     size_t sizeIndex = 0;
-    for (const TestPacket& packet : video.packets) {
-        if (options.keyFramesOnly && !packet.keyFrame) {
-            continue;
+    std::vector<size_t> order = options.order;
+    if (order.empty()) {
+        for (size_t i = 0; i < video.packets.size(); ++i) {
+            if (!options.keyFramesOnly || video.packets[i].keyFrame) {
+                order.push_back(i);
+            }
         }
+    }
+    for (size_t index : order) {
+        const TestPacket& packet = video.packets.at(index);
         const auto& size = options.sizes[std::min(sizeIndex, options.sizes.size() - 1)];
         ++sizeIndex;
         tw::host::SetSumsWhileDecoding(options.sumsWhileDecoding);
+        tw::host::SetRingWhileDecoding(options.ring);
         const uint64_t servedBefore = tw::host::ScalesFromDecodeSums(attr);
+        const uint64_t ringBefore = tw::host::PicturesInRing(attr);
         std::vector<unsigned char> picture;
         if (DoFFMpegDecode(attr, packet.data.data(), int(packet.data.size())) == 0) {
+            run.inRing.push_back(tw::host::PicturesInRing(attr) > ringBefore);
             int imageSize = 0;
             int width = size.first;
             int height = size.second;
             if (DoFFMpegScale(attr, pImage, imageSize, width, height, 0) == 0) {
                 picture.assign(pImage, pImage + imageSize);
             }
+        } else {
+            run.inRing.push_back(false);
         }
         run.pictures.push_back(std::move(picture));
         run.fromDecodeSums.push_back(tw::host::ScalesFromDecodeSums(attr) > servedBefore);
     }
+    run.replays = tw::host::RingReplays(attr);
     tw::host::SetSumsWhileDecoding(true);
+    tw::host::SetRingWhileDecoding(true);
     DoFFMpegFree(attr, pImage);
     return run;
 }

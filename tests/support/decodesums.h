@@ -26,13 +26,21 @@ struct ScaleRun {
     std::vector<std::vector<unsigned char>> pictures;
     // Per packet: whether DoFFMpegScale took sums gathered during that packet's decode.
     std::vector<bool> fromDecodeSums;
+    // Per packet: whether its picture was decoded into the ring.
+    std::vector<bool> inRing;
+    // Pictures decoded again whole, or decoder states restored, over the whole run.
+    uint64_t replays = 0;
     std::string error;   // set when the decoder could not be set up
 };
 
 struct ScaleRunOptions {
     bool sumsWhileDecoding = true;
+    // Whether pictures may be decoded into the ring (only where sums are gathered).
+    bool ring = true;
     bool exactDecode = false;
     bool keyFramesOnly = true;
+    // When not empty, the packets decoded, by index, in this order (keyFramesOnly aside).
+    std::vector<size_t> order;
     // Target size per packet; packets past the end take the last one.
     std::vector<std::pair<int, int>> sizes{{120, 67}};
 };

@@ -33,6 +33,18 @@ int DoFFMpegScaleFull(FFmpegAttr& attr, unsigned char*& out, int& outSize, int& 
 // picture is the same to the bit. false reads every picture after its decode, as before;
 // for tests and benchmarks. Process-wide; default true.
 void SetSumsWhileDecoding(bool on);
+// Where the sums are all a picture is decoded for, an IDR picture is decoded into a ring of
+// a few rows of macroblocks instead of a whole picture, which keeps the decoder's writes in
+// the cache. Whatever wants such a picture other than by its sums gets it decoded again,
+// whole, from the same decoder state, so the pictures scaled and decoded are the same to
+// the bit. false decodes every picture whole; for tests and benchmarks. Process-wide;
+// default true.
+void SetRingWhileDecoding(bool on);
+// How many of attr's pictures were decoded into the ring, and how many were decoded again
+// whole (or had the decoder's state restored before a packet that could read them): for
+// tests and benchmarks.
+uint64_t PicturesInRing(const FFmpegAttr& attr);
+uint64_t RingReplays(const FFmpegAttr& attr);
 // How many of attr's scales took sums gathered during the decode (0 for codecs other than
 // H.264): for tests and benchmarks that must know which way a picture went.
 uint64_t ScalesFromDecodeSums(const FFmpegAttr& attr);
