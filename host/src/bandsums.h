@@ -70,7 +70,8 @@ private:
 
 class PictureRing;
 
-// Whether an H.264 Annex B packet holds slices and all of them are IDR slices.
+// Whether an H.264 Annex B packet's first slice is an IDR slice (the slices of one picture
+// all are or none is; a second picture in the packet is caught when its picture is taken).
 bool IdrAccessUnit(const uint8_t* data, int size);
 
 class BandSums {
@@ -175,9 +176,9 @@ private:
 
     // The ring and what was done with it; the decoding thread's alone.
     std::shared_ptr<PictureRing> m_pRing;
+    int m_blPacketIdr = -1;          // whether this packet is an IDR access unit; -1 not looked at
     bool m_blRingNow = false;        // this packet may have a ring picture
-    int m_blPacketIdr = -1;          // whether it is an IDR access unit; -1 not looked at
-    bool m_blRingLent = false;       // and got one
+    bool m_blRingLent = false;       // and asked for one (asked once a packet)
     const uint8_t* m_pRingData = nullptr;
     bool m_blPictureInRing = false;
     bool m_blRingInDecoder = false;
