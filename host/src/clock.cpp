@@ -47,8 +47,9 @@ void ManualClock::SleepUntilUs(int64_t deadlineUs) {
             --m_Sleepers;
         }
     }
-    // Time this sleeper moved may be the end of a condition wait.
+    // Time this sleeper moved may be the end of a condition wait, or a watched time.
     if (m_blAutoAdvanceEverSet) WakeExpiredCondWaiters();
+    FireWatch();
 }
 
 void ManualClock::Advance(int64_t us) {
@@ -58,6 +59,7 @@ void ManualClock::Advance(int64_t us) {
         m_Cond.notify_all();
     }
     WakeExpiredCondWaiters();
+    FireWatch();
 }
 
 void ManualClock::SetNowUs(int64_t us) {
@@ -67,6 +69,7 @@ void ManualClock::SetNowUs(int64_t us) {
         m_Cond.notify_all();
     }
     WakeExpiredCondWaiters();
+    FireWatch();
 }
 
 void ManualClock::SetAutoAdvance(bool on) {
@@ -79,6 +82,43 @@ void ManualClock::SetAutoAdvance(bool on) {
 void ManualClock::SetAdvanceLimitUs(int64_t limitUs) {
     std::lock_guard<std::mutex> lock(m_Mutex);
     m_AdvanceLimitUs = limitUs;
+    m_Cond.notify_all();
+}
+
+void ManualClock::WatchUs(int64_t atUs, std::function<void()> onReached) {
+    {
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        // The old callback may be on its way on another thread; whoever replaces it may
+        // free what it uses as soon as this returns.
+        m_Cond.wait(lock, [this] { return m_WatchesFiring == 0; });
+        m_OnReached = nullptr;
+        m_blWatchArmed = false;
+        if (!onReached || m_NowUs >= atUs) {
+            lock.unlock();
+            if (onReached) onReached();
+            return;
+        }
+        m_WatchUs = atUs;
+        m_OnReached = std::move(onReached);
+        // Armed under the mutex that every move of the time takes: a move either came
+        // before the look above or finds the watch armed.
+        m_blWatchArmed = true;
+    }
+}
+
+void ManualClock::FireWatch() {
+    if (!m_blWatchArmed.load()) return;
+    std::function<void()> fire;
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        if (!m_OnReached || m_NowUs < m_WatchUs) return;
+        fire.swap(m_OnReached);
+        m_blWatchArmed = false;
+        ++m_WatchesFiring;
+    }
+    fire();
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    --m_WatchesFiring;
     m_Cond.notify_all();
 }
 

@@ -72,6 +72,58 @@ TEST_F(ManualTime, AdvanceLimitStopsAutoAdvance) {
     EXPECT_EQ(m_Clock->NowUs(), 1500000);
 }
 
+TEST_F(ManualTime, WatchFiresOnceWhenTheTimeGetsThere) {
+    int fired = 0;
+    m_Clock->WatchUs(1300000, [&fired] { ++fired; });
+    m_Clock->Advance(299999);
+    EXPECT_EQ(fired, 0);
+    m_Clock->Advance(1);
+    EXPECT_EQ(fired, 1);
+    m_Clock->Advance(1000000);
+    m_Clock->SetNowUs(5000000);
+    EXPECT_EQ(fired, 1);
+}
+
+TEST_F(ManualTime, WatchOfATimeAlreadyReachedFiresAtOnceOnTheCaller) {
+    std::thread::id firedOn;
+    m_Clock->WatchUs(1000000, [&firedOn] { firedOn = std::this_thread::get_id(); });
+    EXPECT_EQ(firedOn, std::this_thread::get_id());
+}
+
+TEST_F(ManualTime, NewWatchReplacesTheOldAndAnEmptyOneClearsIt) {
+    int first = 0, second = 0;
+    m_Clock->WatchUs(1500000, [&first] { ++first; });
+    m_Clock->WatchUs(1200000, [&second] { ++second; });
+    m_Clock->SetNowUs(2000000);
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(second, 1);
+    m_Clock->WatchUs(2500000, [&first] { ++first; });
+    m_Clock->WatchUs(0, nullptr);
+    m_Clock->SetNowUs(3000000);
+    EXPECT_EQ(first, 0);
+}
+
+// An offline run's main thread watches the advance limit: a sleeper held there by it fires
+// the watch from its own thread, which is how the main thread learns to extend the limit.
+TEST_F(ManualTime, SleeperHeldAtTheAdvanceLimitFiresAWatchOnTheLimit) {
+    m_Clock->SetAdvanceLimitUs(1200000);
+    std::thread::id firedOn;
+    int fired = 0;
+    m_Clock->WatchUs(1200000, [&] {
+        ++fired;
+        firedOn = std::this_thread::get_id();
+    });
+    std::thread::id sleeperId;
+    std::thread sleeper([&] {
+        sleeperId = std::this_thread::get_id();
+        m_Clock->SleepUntilUs(1500000);
+    });
+    sleeper.join();
+    EXPECT_EQ(m_Clock->NowUs(), 1200000);
+    EXPECT_EQ(fired, 1);
+    EXPECT_EQ(firedOn, sleeperId);
+}
+
 TEST(ManualClockDriven, SleeperWaitsUntilTheTestAdvances) {
     auto clock = std::make_shared<ManualClock>(0, false);
     std::atomic<bool> woke{false};

@@ -72,7 +72,13 @@ void Out::Write(const std::string& text) {
     if (fwrite(text.data(), 1, text.size(), stdout) != text.size() || fflush(stdout) != 0) {
         m_Errno = errno != 0 ? errno : EIO;
         clearerr(stdout);
+        if (m_OnFailure) m_OnFailure();
     }
+}
+
+void Out::SetFailureListener(std::function<void()> onFailure) {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    m_OnFailure = std::move(onFailure);
 }
 
 bool Out::Failed() const {

@@ -5,6 +5,7 @@
 #define TWHOST_CLIUTIL_H
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -48,6 +49,9 @@ public:
 
     // True once a write failed; the command should wind up.
     bool Failed() const;
+    // Called once, on the writing thread, when a write first fails, so that a command that
+    // sleeps between its looks at Failed learns of it at once. An empty one clears it.
+    void SetFailureListener(std::function<void()> onFailure);
     // Flushes and turns the command's exit code into the final one: a failed write wins over
     // success (141 quietly for a closed pipe, 1 with one message naming the error).
     int Finish(const char* cmd, int exitCode);
@@ -57,6 +61,7 @@ private:
     mutable std::mutex m_Mutex;
     bool m_blJson = false;
     int m_Errno = 0;
+    std::function<void()> m_OnFailure;
 };
 
 // Compact JSON as every --json line is written.

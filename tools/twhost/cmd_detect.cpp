@@ -319,10 +319,27 @@ private:
 };
 
 // A position line on a terminal's stderr, rewritten in place and cleared at the end.
+// Wakes a run's main loop the moment standard output fails, for as long as it lives: the
+// loop sleeps up to a second between its looks, and an offline run would go on judging a
+// file nobody reads any more for that second.
+class WakeOnOutputFailure {
+public:
+    WakeOnOutputFailure(Out& out, StopSignals& signals) : m_Out(out) {
+        out.SetFailureListener([&signals] { signals.Wake(); });
+    }
+    ~WakeOnOutputFailure() { m_Out.SetFailureListener(nullptr); }
+    WakeOnOutputFailure(const WakeOnOutputFailure&) = delete;
+    WakeOnOutputFailure& operator=(const WakeOnOutputFailure&) = delete;
+
+private:
+    Out& m_Out;
+};
+
 class ProgressLine {
 public:
     explicit ProgressLine(bool on) : m_blOn(on) {}
     ~ProgressLine() { Clear(); }
+    bool IsOn() const { return m_blOn; }
     void Show(double position, double duration, double wallSec) {
         if (!m_blOn) return;
         const auto now = std::chrono::steady_clock::now();
@@ -599,6 +616,7 @@ int RunDetect(const DetectOptions& opt) {
     const double announcedSec = announcedUs > 0 ? static_cast<double>(announcedUs - epochUs) / 1e6 : -1;
     int sig = 0;
     std::string endReason;
+    WakeOnOutputFailure wakeOnFailure(out, signals);
     handler->Start();
     for (;;) {
         const int64_t now = clock.NowUs();
@@ -621,11 +639,24 @@ int RunDetect(const DetectOptions& opt) {
         }
         progress.Show(static_cast<double>(now - epochUs) / 1e6, announcedSec,
                       std::chrono::duration<double>(std::chrono::steady_clock::now() - realStart).count());
-        if ((sig = signals.Wait(virtualTime ? 1 : RealTimeWaitMs(now, durationUs > 0 ? epochUs + durationUs : -1))) != 0) {
+        int waitMs = 0;
+        if (virtualClock) {
+            // The detector's sleeps move the virtual time; the clock wakes this loop when it
+            // gets to the next point the loop acts on, the advance limit or the duration's
+            // end. Looking every millisecond instead cost the run about 3 % of its CPU.
+            int64_t nextUs = limitUs;
+            if (durationUs > 0) nextUs = std::min(nextUs, epochUs + durationUs);
+            virtualClock->WatchUs(nextUs, [&signals] { signals.Wake(); });
+            waitMs = !signals.CanWake() ? 1 : (progress.IsOn() ? 250 : 1000);
+        } else {
+            waitMs = RealTimeWaitMs(now, durationUs > 0 ? epochUs + durationUs : -1);
+        }
+        if ((sig = signals.Wait(waitMs)) != 0) {
             endReason = StopSignals::Why(sig);
             break;
         }
     }
+    if (virtualClock) virtualClock->WatchUs(0, nullptr);
     handler->Stop();
     progress.Clear();
     const double wallSec = std::chrono::duration<double>(std::chrono::steady_clock::now() - realStart).count();
@@ -920,6 +951,7 @@ int RunDetectMany(const DetectOptions& opt) {
         ++started;
     }
     std::string endReason;
+    WakeOnOutputFailure wakeOnFailure(out, signals);
     for (; sig == 0 && rc == 0;) {
         if (out.Failed()) {
             endReason = "standard output failed";

@@ -27,6 +27,9 @@ public:
     // waiting one (the end of the data), so that it need not look every few milliseconds.
     // Safe from any thread.
     void Wake();
+    // False when Wake cannot end a Wait (no descriptor to wake it by): a waiter that counts
+    // on being woken must then look again soon by itself.
+    bool CanWake() const { return m_Fd >= 0 && m_WakeFd >= 0; }
     // "interrupted" for SIGINT, "terminated" for SIGTERM.
     static const char* Why(int sig) { return sig == SIGINT ? "interrupted" : "terminated"; }
 

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -48,6 +49,13 @@ public:
     // Auto-advance stops at this time: a sleeper whose deadline lies beyond it returns at the
     // limit instead, so an offline reader cannot run ahead of what is known. -1: no limit.
     void SetAdvanceLimitUs(int64_t limitUs);
+    // Calls onReached once, on the thread that moves the time there, as soon as the time is
+    // at or past atUs; at once, on the calling thread, when it already is. A thread that
+    // acts on the time (the end of a run, the advance limit) can so sleep until the time
+    // gets there instead of looking again and again. A new watch replaces the one before:
+    // once this returns, the callback of the old one is neither running nor going to run.
+    // An empty onReached only clears the watch. onReached must not call WatchUs.
+    void WatchUs(int64_t atUs, std::function<void()> onReached);
     // Deadlines passed to SleepUntilUs, relative to the time of the call, in order.
     std::vector<int64_t> TakeWaits();
     // Blocks the calling (test) thread until at least n sleepers are waiting.
@@ -90,6 +98,15 @@ private:
     // Wakes the condition waiters whose deadline the time has reached; called without
     // m_Mutex after every move of the time.
     void WakeExpiredCondWaiters();
+    // Calls the watch's callback when the time has reached it; likewise after every move.
+    void FireWatch();
+
+    // The watch of WatchUs, guarded by m_Mutex; m_blWatchArmed lets a move of the time
+    // that has no watch to fire skip the mutex.
+    int64_t m_WatchUs = 0;
+    std::function<void()> m_OnReached;
+    int m_WatchesFiring = 0;
+    std::atomic<bool> m_blWatchArmed{false};
 };
 
 // The process-wide clock. SetClock(nullptr) restores the monotonic clock.
