@@ -126,19 +126,33 @@ BandSums* BandSums::Of(const AVCodecContext* pCtx)
     return static_cast<BandSums*>(pCtx->opaque);
 }
 
-void BandSums::Begin(const AVCodecContext* pCtx, const AVPacket* pPacket, bool mayRing)
+bool BandSums::Gathers(const AVCodecContext* pCtx) const
 {
-    m_blGathering = s_blEnabled.load(std::memory_order_relaxed) && m_blLearned &&
-                    !m_blSlicedApart.load(std::memory_order_relaxed) &&
-                    pCtx->skip_loop_filter >= AVDISCARD_ALL;
+    return s_blEnabled.load(std::memory_order_relaxed) && m_blLearned &&
+           !m_blSlicedApart.load(std::memory_order_relaxed) &&
+           pCtx->skip_loop_filter >= AVDISCARD_ALL;
+}
+
+bool BandSums::RingOpen(const AVCodecContext* pCtx) const
+{
     // A replay starts from the key frame before this one, which must be one whose picture
     // owes nothing to the decoder's state.
-    m_blPacketIdr = -1;
-    if (mayRing && m_blGathering && !m_blRingRefused && m_blLastWhole &&
-        s_blRingEnabled.load(std::memory_order_relaxed) && pPacket != nullptr) {
-        m_blPacketIdr = IdrAccessUnit(pPacket->data, pPacket->size) ? 1 : 0;
+    return Gathers(pCtx) && !m_blRingRefused && m_blLastWhole &&
+           s_blRingEnabled.load(std::memory_order_relaxed);
+}
+
+bool BandSums::WouldRing(const AVCodecContext* pCtx, const AVPacket* pPacket) const
+{
+    return pPacket != nullptr && RingOpen(pCtx) && IdrAccessUnit(pPacket->data, pPacket->size);
+}
+
+void BandSums::Begin(const AVCodecContext* pCtx, const AVPacket* pPacket, bool mayRing)
+{
+    m_blGathering = Gathers(pCtx);
+    m_PacketIdr = -1;
+    if (mayRing && pPacket != nullptr && RingOpen(pCtx)) {
+        m_PacketIdr = IdrAccessUnit(pPacket->data, pPacket->size) ? 1 : 0;
     }
-    m_blRingNow = m_blPacketIdr == 1;
     m_blRingLent = false;
     m_pRingData = nullptr;
     m_Owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
@@ -154,7 +168,7 @@ void BandSums::Begin(const AVCodecContext* pCtx, const AVPacket* pPacket, bool m
 int BandSums::OnGetBuffer(AVCodecContext* pCtx, AVFrame* pFrame, int flags)
 {
     BandSums* pSums = Of(pCtx);
-    if (pSums != nullptr && pSums->m_blRingNow && !pSums->m_blRingLent &&
+    if (pSums != nullptr && pSums->m_PacketIdr == 1 && !pSums->m_blRingLent &&
         std::this_thread::get_id() == pSums->m_Owner.load(std::memory_order_relaxed)) {
         // One picture a packet: a second one (a second field, a second picture in the
         // packet) would wipe the first.
@@ -215,8 +229,8 @@ void BandSums::Decoded(AVPacket* pPacket, const AVFrame* pOut, bool got)
     bool blIdr = false;
     if (got && s_blEnabled.load(std::memory_order_relaxed) &&
         s_blRingEnabled.load(std::memory_order_relaxed) && !m_blRingRefused) {
-        blIdr = m_blPacketIdr >= 0 ? m_blPacketIdr == 1
-                                   : IdrAccessUnit(pPacket->data, pPacket->size);
+        blIdr = m_PacketIdr >= 0 ? m_PacketIdr == 1
+                                 : IdrAccessUnit(pPacket->data, pPacket->size);
     }
     m_blLastWhole = blIdr && pOut->decode_error_flags == 0 &&
                     (pOut->flags & AV_FRAME_FLAG_CORRUPT) == 0;
@@ -354,11 +368,9 @@ const ReducedPicture* BandSums::Take(const AVFrame* pFrame, const PlaneLayout& l
 bool BandSums::Whole(const AVFrame* pFrame, const PlaneLayout& layout, int fx, int fy) const
 {
     const bool blWhole =
-        m_blGathering && !m_blSpoiled.load(std::memory_order_relaxed) &&
+        GatheredFor(layout, fx, fy) && !m_blSpoiled.load(std::memory_order_relaxed) &&
         m_RowsReady >= m_Height && pFrame->width == m_Width && pFrame->height == m_Height &&
-        pFrame->format == m_Format && fx == m_Fx && fy == m_Fy &&
-        layout.planes == m_Layout.planes && layout.chromaShiftX == m_Layout.chromaShiftX &&
-        layout.chromaShiftY == m_Layout.chromaShiftY && pFrame->decode_error_flags == 0 &&
+        pFrame->format == m_Format && pFrame->decode_error_flags == 0 &&
         (pFrame->flags & AV_FRAME_FLAG_CORRUPT) == 0;
     if (!blWhole) {
         return false;

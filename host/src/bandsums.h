@@ -101,8 +101,8 @@ public:
     // After a packet of the stream was decoded (not a replay): keeps it, and the one before,
     // for a replay. got tells whether pOut holds its picture.
     void Decoded(AVPacket* pPacket, const AVFrame* pOut, bool got);
-    // Whether Begin let this packet go into the ring.
-    bool RingNow() const { return m_blRingNow; }
+    // Whether Begin, given this packet and mayRing, would let it go into the ring.
+    bool WouldRing(const AVCodecContext* pCtx, const AVPacket* pPacket) const;
     // Whether the sums are gathered for exactly this layout and these factors.
     bool GatheredFor(const PlaneLayout& layout, int fx, int fy) const
     {
@@ -143,6 +143,10 @@ private:
                        int type, int height);
     static int OnGetBuffer(AVCodecContext* pCtx, AVFrame* pFrame, int flags);
     bool LendRing(const AVCodecContext* pCtx, AVFrame* pFrame);
+    // Whether the next picture's sums are to be gathered, and whether it may go into the
+    // ring if it is an IDR access unit.
+    bool Gathers(const AVCodecContext* pCtx) const;
+    bool RingOpen(const AVCodecContext* pCtx) const;
     void Band(const AVCodecContext* pCtx, const AVFrame* pSrc, int y, int type, int height);
     bool Starts(const AVCodecContext* pCtx, const AVFrame* pSrc);
 
@@ -176,9 +180,10 @@ private:
 
     // The ring and what was done with it; the decoding thread's alone.
     std::shared_ptr<PictureRing> m_pRing;
-    int m_blPacketIdr = -1;          // whether this packet is an IDR access unit; -1 not looked at
-    bool m_blRingNow = false;        // this packet may have a ring picture
-    bool m_blRingLent = false;       // and asked for one (asked once a packet)
+    // Whether this packet is an IDR access unit that may have a ring picture: 1 yes, 0 an
+    // IDR check said no, -1 not looked at (the ring was not open to it).
+    int m_PacketIdr = -1;
+    bool m_blRingLent = false;       // it asked for one (asked once a packet)
     const uint8_t* m_pRingData = nullptr;
     bool m_blPictureInRing = false;
     bool m_blRingInDecoder = false;

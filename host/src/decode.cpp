@@ -990,16 +990,13 @@ int DoFFMpegDecode(FFmpegAttr& attr, const unsigned char* data, int size)
     // Held until the picture is out: the decode is what the cameras of a process queue for.
     tw::host::DecodeSlot slot;
     tw::host::BandSums* pBands = tw::host::BandSums::Of(pCtx);
-    if (pBands != nullptr && pBands->RingInDecoder()) {
+    if (pBands != nullptr && pBands->RingInDecoder() && !pBands->WouldRing(pCtx, pPacket)) {
         // The decoder may predict from the ring's last picture, or conceal damage with it,
         // unless this packet goes into the ring too (an IDR access unit, whose damage is
         // replayed when the picture is scaled): the decoder gets that picture whole first.
-        pBands->Begin(pCtx, pPacket, true);
-        if (!pBands->RingNow()) {
-            tw::host::ReplayWhole(attr, "DoFFMpegDecode");
-            av_frame_unref(attr.pFrame);
-            pBands->Replayed(false, nullptr);
-        }
+        tw::host::ReplayWhole(attr, "DoFFMpegDecode");
+        av_frame_unref(attr.pFrame);
+        pBands->Replayed(false, nullptr);
     }
     const int got = tw::host::SendAndReceive(attr, pPacket, true, "DoFFMpegDecode");
     if (pBands != nullptr) {

@@ -161,16 +161,6 @@ bool PictureRing::Lend(AVFrame* pFrame)
     return false;
 }
 
-bool PictureRing::Holds(const uint8_t* data) const
-{
-    for (const Slot& slot : m_Slots) {
-        if (data != nullptr && data == slot.planes[0]) {
-            return true;
-        }
-    }
-    return false;
-}
-
 void PictureRing::Return(void* opaque, uint8_t* data)
 {
     auto* pKeep = static_cast<std::shared_ptr<PictureRing>*>(opaque);

@@ -55,10 +55,6 @@ public:
     // Gives frame the planes of a free slot, held by frame->buf[0] until the last reference
     // to it goes. False when every slot is lent (or out of memory).
     bool Lend(AVFrame* pFrame);
-    // Whether data is the first plane of one of the ring's pictures.
-    bool Holds(const uint8_t* data) const;
-    // Bands of the ring (K).
-    int Bands() const { return m_Bands; }
 
 private:
     PictureRing() = default;
