@@ -5,6 +5,7 @@
 #include "picturering.h"
 
 #include <cstring>
+#include <mutex>
 #include <new>
 
 extern "C" {
@@ -46,6 +47,60 @@ bool ReducedPicture::Size(int width, int height, const PlaneLayout& layout, int 
         }
     }
     return true;
+}
+
+namespace {
+
+// The requests detection decoders last reduced their pictures with, one per picture size
+// and format, the newest first. A process judges a handful of sizes at most; the oldest of
+// more is forgotten.
+constexpr int kSharedRequests = 8;
+
+std::mutex g_SharedMutex;
+ScaleRequest g_Shared[kSharedRequests];
+int g_SharedCount = 0;
+// Read without the lock before every packet of a decoder that has not learned.
+std::atomic<bool> g_blAnyShared{false};
+
+void ShareRequest(const ScaleRequest& request)
+{
+    std::lock_guard<std::mutex> lock(g_SharedMutex);
+    int at = 0;
+    while (at < g_SharedCount &&
+           !(g_Shared[at].width == request.width && g_Shared[at].height == request.height &&
+             g_Shared[at].format == request.format)) {
+        ++at;
+    }
+    if (at == g_SharedCount) {
+        at = g_SharedCount < kSharedRequests ? g_SharedCount++ : kSharedRequests - 1;
+    }
+    for (; at > 0; --at) {
+        g_Shared[at] = g_Shared[at - 1];
+    }
+    g_Shared[0] = request;
+    g_blAnyShared.store(true, std::memory_order_relaxed);
+}
+
+bool FindSharedRequest(int width, int height, int format, ScaleRequest& request)
+{
+    std::lock_guard<std::mutex> lock(g_SharedMutex);
+    for (int i = 0; i < g_SharedCount; ++i) {
+        if (g_Shared[i].width == width && g_Shared[i].height == height &&
+            g_Shared[i].format == format) {
+            request = g_Shared[i];
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+void BandSums::ForgetShared()
+{
+    std::lock_guard<std::mutex> lock(g_SharedMutex);
+    g_SharedCount = 0;
+    g_blAnyShared.store(false, std::memory_order_relaxed);
 }
 
 std::atomic<bool> BandSums::s_blEnabled{true};
@@ -128,16 +183,24 @@ BandSums* BandSums::Of(const AVCodecContext* pCtx)
 
 bool BandSums::Gathers(const AVCodecContext* pCtx) const
 {
-    return s_blEnabled.load(std::memory_order_relaxed) && m_blLearned &&
+    const bool blMayGuess = !m_blLearned && !m_blGuessMissed &&
+                            g_blAnyShared.load(std::memory_order_relaxed);
+    return s_blEnabled.load(std::memory_order_relaxed) && (m_blLearned || blMayGuess) &&
            !m_blSlicedApart.load(std::memory_order_relaxed) &&
            pCtx->skip_loop_filter >= AVDISCARD_ALL;
+}
+
+bool BandSums::NothingDecoded() const
+{
+    return m_pKept[1] == nullptr || m_pKept[1]->size == 0;
 }
 
 bool BandSums::RingOpen(const AVCodecContext* pCtx) const
 {
     // A replay starts from the key frame before this one, which must be one whose picture
-    // owes nothing to the decoder's state.
-    return Gathers(pCtx) && !m_blRingRefused && m_blLastWhole &&
+    // owes nothing to the decoder's state; or, before the first packet, from the state the
+    // decoder was opened in.
+    return Gathers(pCtx) && !m_blRingRefused && (m_blLastWhole || NothingDecoded()) &&
            s_blRingEnabled.load(std::memory_order_relaxed);
 }
 
@@ -149,9 +212,15 @@ bool BandSums::WouldRing(const AVCodecContext* pCtx, const AVPacket* pPacket) co
 void BandSums::Begin(const AVCodecContext* pCtx, const AVPacket* pPacket, bool mayRing)
 {
     m_blGathering = Gathers(pCtx);
+    m_blGuessPending = m_blGathering && !m_blLearned;
+    m_blGuessAdopted = false;
     m_PacketIdr = -1;
     if (mayRing && pPacket != nullptr && RingOpen(pCtx)) {
         m_PacketIdr = IdrAccessUnit(pPacket->data, pPacket->size) ? 1 : 0;
+        if (m_PacketIdr == 1 && NothingDecoded() && !KeepRoom()) {
+            // The replay of a first picture in the ring would have nothing to decode.
+            m_PacketIdr = -1;
+        }
     }
     m_blRingLent = false;
     m_pRingData = nullptr;
@@ -168,7 +237,13 @@ void BandSums::Begin(const AVCodecContext* pCtx, const AVPacket* pPacket, bool m
 int BandSums::OnGetBuffer(AVCodecContext* pCtx, AVFrame* pFrame, int flags)
 {
     BandSums* pSums = Of(pCtx);
-    if (pSums != nullptr && pSums->m_PacketIdr == 1 && !pSums->m_blRingLent &&
+    if (pSums != nullptr && pSums->m_blGuessPending &&
+        std::this_thread::get_id() == pSums->m_Owner.load(std::memory_order_relaxed)) {
+        // The first buffer of the packet: its picture's size is known now.
+        pSums->AdoptGuess(pCtx);
+    }
+    if (pSums != nullptr && pSums->m_PacketIdr == 1 && pSums->m_blGathering &&
+        !pSums->m_blRingLent &&
         std::this_thread::get_id() == pSums->m_Owner.load(std::memory_order_relaxed)) {
         // One picture a packet: a second one (a second field, a second picture in the
         // packet) would wipe the first.
@@ -180,10 +255,32 @@ int BandSums::OnGetBuffer(AVCodecContext* pCtx, AVFrame* pFrame, int flags)
     return avcodec_default_get_buffer2(pCtx, pFrame, flags);
 }
 
+void BandSums::AdoptGuess(const AVCodecContext* pCtx)
+{
+    m_blGuessPending = false;
+    ScaleRequest request;
+    if (!FindSharedRequest(pCtx->width, pCtx->height, pCtx->pix_fmt, request)) {
+        m_blGathering = false;   // nor the ring: nothing would take its sums
+        return;
+    }
+    m_Req = request;
+    m_blGuessAdopted = true;
+}
+
+bool BandSums::KeepRoom()
+{
+    for (AVPacket*& pKept : m_pKept) {
+        if (pKept == nullptr) {
+            pKept = av_packet_alloc();
+        }
+    }
+    return m_pKept[0] != nullptr && m_pKept[1] != nullptr;
+}
+
 bool BandSums::LendRing(const AVCodecContext* pCtx, AVFrame* pFrame)
 {
-    if (pCtx->width != m_Width || pCtx->height != m_Height || pCtx->pix_fmt != m_Format ||
-        pFrame->format != m_Format) {
+    if (pCtx->width != m_Req.width || pCtx->height != m_Req.height ||
+        pCtx->pix_fmt != m_Req.format || pFrame->format != m_Req.format) {
         return false;
     }
     int width = pFrame->width;
@@ -192,18 +289,18 @@ bool BandSums::LendRing(const AVCodecContext* pCtx, AVFrame* pFrame)
     avcodec_align_dimensions2(const_cast<AVCodecContext*>(pCtx), &width, &height,
                               linesizeAlign);
     int align = 1;
-    for (int p = 0; p < m_Layout.planes; ++p) {
+    for (int p = 0; p < m_Req.layout.planes; ++p) {
         align = FFMAX(align, linesizeAlign[p]);
     }
     // Rows of a block of sums that the decoder has not finished when it reports a band
     // reach back at most fy - 1 rows; the band it writes next and the row above it, which
     // intra prediction reads, must not land on them.
     const int shortestBand =
-        PictureRing::kBandRows >> (m_Layout.planes > 1 ? m_Layout.chromaShiftY : 0);
-    const int bands = FFMAX(4, 2 + (m_Fy - 1 + shortestBand - 1) / shortestBand);
-    if (!m_pRing || !m_pRing->Fits(width, height, m_Format, bands, align)) {
+        PictureRing::kBandRows >> (m_Req.layout.planes > 1 ? m_Req.layout.chromaShiftY : 0);
+    const int bands = FFMAX(4, 2 + (m_Req.fy - 1 + shortestBand - 1) / shortestBand);
+    if (!m_pRing || !m_pRing->Fits(width, height, m_Req.format, bands, align)) {
         m_pRing.reset();
-        m_pRing = PictureRing::Make(width, height, m_Format, m_Layout, bands, align);
+        m_pRing = PictureRing::Make(width, height, m_Req.format, m_Req.layout, bands, align);
         if (!m_pRing) {
             m_blRingRefused = true;   // the system will not give us the mappings
             return false;
@@ -224,6 +321,7 @@ void BandSums::Decoded(AVPacket* pPacket, const AVFrame* pOut, bool got)
     // a second picture in the packet may have predicted from the first.
     m_blPictureInRing = got && m_pRingData != nullptr;
     m_RingPictures += m_blPictureInRing ? 1 : 0;
+    m_blPictureGuessed = got && m_blGuessAdopted;
     // Whether the next packet may go into the ring; not worth a look at the packet where
     // it cannot (the bare decodes of the benchmarks among them).
     bool blIdr = false;
@@ -234,12 +332,7 @@ void BandSums::Decoded(AVPacket* pPacket, const AVFrame* pOut, bool got)
     }
     m_blLastWhole = blIdr && pOut->decode_error_flags == 0 &&
                     (pOut->flags & AV_FRAME_FLAG_CORRUPT) == 0;
-    for (AVPacket*& pKept : m_pKept) {
-        if (pKept == nullptr) {
-            pKept = av_packet_alloc();
-        }
-    }
-    if (m_pKept[0] == nullptr || m_pKept[1] == nullptr) {
+    if (!KeepRoom()) {
         // Without room to keep it there is no replay, so no ring for the next packet.
         m_blLastWhole = false;
         return;
@@ -270,16 +363,26 @@ void BandSums::Replayed(bool sameRequest, const AVFrame* pWhole)
     m_blRingInDecoder = false;
 }
 
-void BandSums::Learn(int width, int height, int format, const PlaneLayout& layout, int fx,
-                     int fy)
+void BandSums::Scaling(const PlaneLayout& layout, int fx, int fy)
 {
+    if (m_blPictureGuessed && !((fx > 1 || fy > 1) && GatheredFor(layout, fx, fy))) {
+        m_blGuessMissed = true;
+    }
+    m_blPictureGuessed = false;
+}
+
+void BandSums::Learn(const AVCodecContext* pCtx, const ScaleRequest& request)
+{
+    const bool blSame = m_blLearned && request == m_Req;
+    if (!(blSame && m_blShared) && pCtx->skip_loop_filter >= AVDISCARD_ALL) {
+        // Only a detection decoder's: a picture people look at is asked for at other sizes.
+        ShareRequest(request);
+        m_blShared = true;
+    } else if (!blSame) {
+        m_blShared = false;
+    }
     m_blLearned = true;
-    m_Width = width;
-    m_Height = height;
-    m_Format = format;
-    m_Layout = layout;
-    m_Fx = fx;
-    m_Fy = fy;
+    m_Req = request;
 }
 
 void BandSums::OnBand(AVCodecContext* pCtx, const AVFrame* pSrc, int*, int y, int type,
@@ -300,11 +403,12 @@ void BandSums::OnBand(AVCodecContext* pCtx, const AVFrame* pSrc, int*, int y, in
 // The first row of a picture: is it the picture we learned, and where does it live?
 bool BandSums::Starts(const AVCodecContext* pCtx, const AVFrame* pSrc)
 {
-    if (pCtx->width != m_Width || pCtx->height != m_Height || pCtx->pix_fmt != m_Format ||
-        !m_Sums.Size(m_Width, m_Height, m_Layout, m_Fx, m_Fy)) {
+    if (pCtx->width != m_Req.width || pCtx->height != m_Req.height ||
+        pCtx->pix_fmt != m_Req.format ||
+        !m_Sums.Size(m_Req.width, m_Req.height, m_Req.layout, m_Req.fx, m_Req.fy)) {
         return false;
     }
-    for (int p = 0; p < m_Layout.planes; ++p) {
+    for (int p = 0; p < m_Req.layout.planes; ++p) {
         if (pSrc->data[p] == nullptr || pSrc->linesize[p] <= 0) {
             return false;
         }
@@ -329,24 +433,24 @@ void BandSums::Band(const AVCodecContext* pCtx, const AVFrame* pSrc, int y, int 
         pSrc->data[0] != m_pData[0] ||
         (m_pRingData != nullptr && pSrc->data[0] == m_pRingData &&
          height != PictureRing::kBandRows &&
-         !(height < PictureRing::kBandRows && y + height == m_Height))) {
+         !(height < PictureRing::kBandRows && y + height == m_Req.height))) {
         m_blSpoiled.store(true, std::memory_order_relaxed);
         return;
     }
     m_RowsReady = y + height;
-    const bool blAll = m_RowsReady >= m_Height;
-    for (int p = 0; p < m_Layout.planes; ++p) {
+    const bool blAll = m_RowsReady >= m_Req.height;
+    for (int p = 0; p < m_Req.layout.planes; ++p) {
         const PlaneSums& plane = m_Sums.planes[p];
-        const int shift = p == 0 ? 0 : m_Layout.chromaShiftY;
-        const int rows = blAll ? AV_CEIL_RSHIFT(m_Height, shift) : m_RowsReady >> shift;
-        const int blockRows = FFMIN(plane.height, rows / m_Fy);
+        const int shift = p == 0 ? 0 : m_Req.layout.chromaShiftY;
+        const int rows = blAll ? AV_CEIL_RSHIFT(m_Req.height, shift) : m_RowsReady >> shift;
+        const int blockRows = FFMIN(plane.height, rows / m_Req.fy);
         const int done = m_BlockRowsDone[p];
         if (blockRows <= done) {
             continue;
         }
         uint16_t* pOut = m_Sums.Out(p) + ptrdiff_t(done) * plane.stride;
-        if (!BoxSumPlaneOf(m_pData[p] + ptrdiff_t(done) * m_Fy * m_Linesize[p], m_Linesize[p],
-                           m_Fx, m_Fy, plane.width, blockRows - done, pOut, plane.stride,
+        if (!BoxSumPlaneOf(m_pData[p] + ptrdiff_t(done) * m_Req.fy * m_Linesize[p], m_Linesize[p],
+                           m_Req.fx, m_Req.fy, plane.width, blockRows - done, pOut, plane.stride,
                            BoxKernel::Best)) {
             m_blSpoiled.store(true, std::memory_order_relaxed);
             return;
@@ -369,8 +473,9 @@ bool BandSums::Whole(const AVFrame* pFrame, const PlaneLayout& layout, int fx, i
 {
     const bool blWhole =
         GatheredFor(layout, fx, fy) && !m_blSpoiled.load(std::memory_order_relaxed) &&
-        m_RowsReady >= m_Height && pFrame->width == m_Width && pFrame->height == m_Height &&
-        pFrame->format == m_Format && pFrame->decode_error_flags == 0 &&
+        m_RowsReady >= m_Req.height && pFrame->width == m_Req.width &&
+        pFrame->height == m_Req.height && pFrame->format == m_Req.format &&
+        pFrame->decode_error_flags == 0 &&
         (pFrame->flags & AV_FRAME_FLAG_CORRUPT) == 0;
     if (!blWhole) {
         return false;

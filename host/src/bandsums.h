@@ -28,6 +28,14 @@
 // again (the ring is only used when that one was an undamaged IDR access unit, whose
 // picture owes nothing to what came before) and then this one. A packet that would predict
 // from the ring's picture (anything but an IDR access unit) gets the same replay first.
+//
+// A decoder learns what to gather from its own last reduction, so a new decoder would
+// decode its first pictures whole. But the cameras of a recorder are judged alike: until a
+// decoder has learned, its pictures are gathered for, and may go into the ring with, what
+// another detection decoder of the process last reduced a picture of the same size and
+// format by. A camera's first pictures then need no whole picture either, in the second in
+// which all of a recorder's cameras start. A wrong guess costs what any replay costs, and
+// the decoder does not guess again.
 #pragma once
 
 #include "boxreduce.h"
@@ -51,6 +59,28 @@ struct PlaneLayout {
     int planes = 0;         // 1 (grey) or 3 (Y, U, V)
     int chromaShiftX = 0;   // log2 of the chroma subsampling
     int chromaShiftY = 0;
+};
+
+inline bool SameLayout(const PlaneLayout& a, const PlaneLayout& b)
+{
+    return a.planes == b.planes && a.chromaShiftX == b.chromaShiftX &&
+           a.chromaShiftY == b.chromaShiftY;
+}
+
+// What a reduction asked for: the picture it reduced, and by what.
+struct ScaleRequest {
+    int width = 0;
+    int height = 0;
+    int format = -1;
+    PlaneLayout layout;
+    int fx = 1;
+    int fy = 1;
+
+    bool operator==(const ScaleRequest& o) const
+    {
+        return width == o.width && height == o.height && format == o.format &&
+               SameLayout(layout, o.layout) && fx == o.fx && fy == o.fy;
+    }
 };
 
 // Block sums of every plane of one picture.
@@ -94,9 +124,9 @@ public:
     // The state of a context; null when it has none.
     static BandSums* Of(const AVCodecContext* pCtx);
 
-    // Before a packet goes in: gather its picture if the last one was reduced and nothing
-    // rules it out, and decode it into the ring if mayRing and it qualifies. Called on the
-    // thread that decodes.
+    // Before a packet goes in: gather its picture if the last one was reduced (before any
+    // was, if another decoder shared a request) and nothing rules it out, and decode it into
+    // the ring if mayRing and it qualifies. Called on the thread that decodes.
     void Begin(const AVCodecContext* pCtx, const AVPacket* pPacket, bool mayRing);
     // After a packet of the stream was decoded (not a replay): keeps it, and the one before,
     // for a replay. got tells whether pOut holds its picture.
@@ -106,9 +136,8 @@ public:
     // Whether the sums are gathered for exactly this layout and these factors.
     bool GatheredFor(const PlaneLayout& layout, int fx, int fy) const
     {
-        return m_blGathering && fx == m_Fx && fy == m_Fy && layout.planes == m_Layout.planes &&
-               layout.chromaShiftX == m_Layout.chromaShiftX &&
-               layout.chromaShiftY == m_Layout.chromaShiftY;
+        return m_blGathering && fx == m_Req.fx && fy == m_Req.fy &&
+               SameLayout(layout, m_Req.layout);
     }
     // The decoder was flushed: it holds no picture of the ring any more.
     void Flushed() { m_blRingInDecoder = false; }
@@ -124,8 +153,16 @@ public:
     const AVPacket* ReplayFirst() const;
     const AVPacket* ReplaySecond() const;
     void Replayed(bool sameRequest, const AVFrame* pWhole);
-    // After a reduction: what to gather from the next picture.
-    void Learn(int width, int height, int format, const PlaneLayout& layout, int fx, int fy);
+    // Before the last picture is scaled, reduced by fx x fy (1 x 1: not reduced): a picture
+    // gathered on another decoder's request that is not wanted so was a wrong guess.
+    void Scaling(const PlaneLayout& layout, int fx, int fy);
+    // After a reduction: what to gather from the next picture. A detection decoder's request
+    // (loop filter skipped) is also what the decoders of the process that have not learned
+    // yet guess for pictures of the same size and format.
+    void Learn(const AVCodecContext* pCtx, const ScaleRequest& request);
+    // Forgets the requests shared between decoders, so that a decoder learns from its own
+    // pictures alone; for tests and benchmarks.
+    static void ForgetShared();
     // The sums of pFrame if they were gathered whole, for exactly this layout and these
     // factors; null otherwise.
     const ReducedPicture* Take(const AVFrame* pFrame, const PlaneLayout& layout, int fx,
@@ -143,6 +180,13 @@ private:
                        int type, int height);
     static int OnGetBuffer(AVCodecContext* pCtx, AVFrame* pFrame, int flags);
     bool LendRing(const AVCodecContext* pCtx, AVFrame* pFrame);
+    // Takes another decoder's request for pictures of this decoder's size, or gives up
+    // gathering this picture when there is none.
+    void AdoptGuess(const AVCodecContext* pCtx);
+    // Whether no packet was decoded yet, so that a replay needs this one alone.
+    bool NothingDecoded() const;
+    // Room for the packets a replay needs; false when out of memory.
+    bool KeepRoom();
     // Whether the next picture's sums are to be gathered, and whether it may go into the
     // ring if it is an IDR access unit.
     bool Gathers(const AVCodecContext* pCtx) const;
@@ -150,14 +194,10 @@ private:
     void Band(const AVCodecContext* pCtx, const AVFrame* pSrc, int y, int type, int height);
     bool Starts(const AVCodecContext* pCtx, const AVFrame* pSrc);
 
-    // What the last reduction asked for.
+    // What the last reduction asked for; before there was one (m_blLearned false), what
+    // this decoder's last guess took from another's.
     bool m_blLearned = false;
-    int m_Width = 0;
-    int m_Height = 0;
-    int m_Format = -1;
-    PlaneLayout m_Layout;
-    int m_Fx = 1;
-    int m_Fy = 1;
+    ScaleRequest m_Req;
 
     // The picture being gathered. Only the decoding thread touches these; a slice thread
     // that reports a row only sets the flags below.
@@ -194,6 +234,17 @@ private:
     bool m_blLastWhole = false;
     uint64_t m_RingPictures = 0;
     uint64_t m_Replays = 0;
+
+    // Guesses, made while nothing is learned; the decoding thread's alone. Pending: this
+    // packet is gathered if another decoder's request for its size turns up when its
+    // picture gets a buffer; adopted: it did. Guessed: the last picture handed out was
+    // gathered on a guess. Missed: a guess was wrong once, so no more are made.
+    bool m_blGuessPending = false;
+    bool m_blGuessAdopted = false;
+    bool m_blPictureGuessed = false;
+    bool m_blGuessMissed = false;
+    // This decoder's request was offered to the others as it stands.
+    bool m_blShared = false;
 };
 
 }  // namespace tw::host

@@ -707,7 +707,8 @@ int ScaleReduced(FFmpegAttr& attr, const PlaneLayout& layout, int fx, int fy,
         pSums = &t_Reduced;
     }
     if (pBands != nullptr) {
-        pBands->Learn(pFrame->width, pFrame->height, pFrame->format, layout, fx, fy);
+        pBands->Learn(attr.pCodecCtx, ScaleRequest{pFrame->width, pFrame->height,
+                                                   pFrame->format, layout, fx, fy});
     }
     AVPixelFormat plainFormat = AV_PIX_FMT_NONE;
     int colorspace = SWS_CS_DEFAULT;
@@ -750,6 +751,9 @@ int ScalePicture(FFmpegAttr& attr, unsigned char*& out, int& outSize, int width,
     };
     factors();
     BandSums* pBands = BandSums::Of(attr.pCodecCtx);
+    if (pBands != nullptr) {
+        pBands->Scaling(layout, fx, fy);
+    }
     if (pBands != nullptr && pBands->PictureInRing() &&
         (!(fx > 1 || fy > 1) || !pBands->Whole(pFrame, layout, fx, fy))) {
         // The picture's rows are gone but for its sums, and these are not what is wanted.
@@ -815,6 +819,11 @@ void SetSumsWhileDecoding(bool on)
 void SetRingWhileDecoding(bool on)
 {
     BandSums::s_blRingEnabled.store(on, std::memory_order_relaxed);
+}
+
+void ForgetSharedScaleRequests()
+{
+    BandSums::ForgetShared();
 }
 
 uint64_t PicturesInRing(const FFmpegAttr& attr)

@@ -51,6 +51,17 @@ void ExpectSameBytesWithSlices(const std::string& x264Params)
     EXPECT_LE(gathered.replays, 1u);
     EXPECT_LE(std::count(gathered.inRing.begin(), gathered.inRing.end(), true),
               7 - 6 * static_cast<std::ptrdiff_t>(gathered.replays));
+
+    // A decoder that guesses from the one before may put its first picture into the ring
+    // as well; the same holds for it.
+    options.sumsWhileDecoding = true;
+    options.learnedElsewhere = true;
+    const ScaleRun guessed = DecodeAndScale(video, options);
+    ASSERT_TRUE(guessed.error.empty()) << guessed.error;
+    EXPECT_EQ(guessed.pictures, readBack.pictures);
+    EXPECT_LE(guessed.replays, 1u);
+    EXPECT_LE(std::count(guessed.inRing.begin(), guessed.inRing.end(), true),
+              8 - 7 * static_cast<std::ptrdiff_t>(guessed.replays));
 }
 
 TEST(DecodeSumsSlices, SlicesOfWholeRowsGiveTheSameBytes)

@@ -20,6 +20,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/frame.h>
 #include <libavutil/log.h>
+#include <libavutil/pixfmt.h>
 #include <libswscale/swscale.h>
 }
 
@@ -260,6 +261,7 @@ TEST(DecodeSums, RowsReportedByAnotherThreadEndTheGatheringForTheStream)
     // one thread reports may still be written by the other. The decoder's callback is called
     // here from a second thread, as a slice thread would.
     const TestVideo video = BusyClip(VIDEO_CODEC_H264, 1280, 720, 4, 1);
+    tw::host::ForgetSharedScaleRequests();
     FFmpegAttr attr{};
     ASSERT_EQ(DoFFMpegInitVideo(attr, VIDEO_CODEC_H264, nullptr, 0), 0)
         << tw::host::LastDecodeError();
@@ -290,13 +292,13 @@ TEST(DecodeSums, RowsReportedByAnotherThreadEndTheGatheringForTheStream)
     decodeAndScale(2);
     decodeAndScale(3);
     EXPECT_EQ(tw::host::ScalesFromDecodeSums(attr), 1u) << "the stream was gathered again";
-    // A reset opens a new decoder, which learns afresh and counts from nothing: its first
-    // picture is read back, its second summed while decoding.
+    // A reset opens a new decoder, which counts from nothing and gathers again. The request
+    // the old one learned was shared in the process, so it gathers from its first picture.
     ASSERT_EQ(DoFFMpegResetContext(attr), 0);
     EXPECT_EQ(tw::host::ScalesFromDecodeSums(attr), 0u);
     decodeAndScale(2);
     decodeAndScale(3);
-    EXPECT_EQ(tw::host::ScalesFromDecodeSums(attr), 1u);
+    EXPECT_EQ(tw::host::ScalesFromDecodeSums(attr), 2u);
     DoFFMpegFree(attr, pImage);
 }
 
@@ -311,6 +313,7 @@ struct OtherWays {
 OtherWays ScaleTheLastPictureOtherWays(const TestVideo& video, bool ring)
 {
     OtherWays result;
+    tw::host::ForgetSharedScaleRequests();
     tw::host::SetRingWhileDecoding(ring);
     FFmpegAttr attr{};
     EXPECT_EQ(DoFFMpegInitVideo(attr, VIDEO_CODEC_H264, nullptr, 0), 0)
@@ -367,6 +370,7 @@ TEST(DecodeSums, ARingPictureOutlivesItsDecoder)
     // reference taken to a picture stays readable memory after the decoder is freed.
     const TestVideo video = BusyClip(VIDEO_CODEC_H264, 640, 368, 2, 1);
     ASSERT_EQ(video.packets.size(), 2u);
+    tw::host::ForgetSharedScaleRequests();
     FFmpegAttr attr{};
     ASSERT_EQ(DoFFMpegInitVideo(attr, VIDEO_CODEC_H264, nullptr, 0), 0);
     unsigned char* pImage = nullptr;
@@ -394,6 +398,177 @@ TEST(DecodeSums, ARingPictureOutlivesItsDecoder)
     }
     EXPECT_GT(sum, 0u);
     av_frame_free(&pHeld);
+}
+
+TEST(DecodeSums, ADecoderThatHasNotLearnedTakesTheRequestOfAnotherDetectionDecoder)
+{
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 1280, 720, 4, 1);
+    ASSERT_EQ(video.packets.size(), 4u);
+    ScaleRunOptions options;
+    options.sizes = {{128, 72}};
+    const ScaleRun first = DecodeAndScale(video, options);
+    ASSERT_TRUE(first.error.empty()) << first.error;
+    EXPECT_EQ(first.inRing, (std::vector<bool>{false, true, true, true}));
+
+    // A second camera of the same size: its first picture is summed for what the first
+    // camera asked for, and goes into the ring.
+    ScaleRunOptions next = options;
+    next.learnedElsewhere = true;
+    const ScaleRun second = DecodeAndScale(video, next);
+    ASSERT_TRUE(second.error.empty()) << second.error;
+    EXPECT_EQ(second.pictures, first.pictures);
+    EXPECT_EQ(second.fromDecodeSums, (std::vector<bool>{true, true, true, true}));
+    EXPECT_EQ(second.inRing, (std::vector<bool>{true, true, true, true}));
+    EXPECT_EQ(second.replays, 0u);
+    ExpectSamePictures(second, ScaleWith(video, options, false));
+}
+
+// Decodes every key frame of video as the motion detector does: the first only tells the
+// picture's size and is not scaled; each later one is scaled to width x height.
+struct PrimedRun {
+    std::vector<std::vector<unsigned char>> pictures;   // from the second key frame on
+    uint64_t inRing = 0;
+    uint64_t replays = 0;
+    uint64_t fromDecodeSums = 0;
+};
+
+PrimedRun DecodeAsTheDetector(const TestVideo& video, int width, int height)
+{
+    PrimedRun run;
+    FFmpegAttr attr{};
+    EXPECT_EQ(DoFFMpegInitVideo(attr, video.codec, video.extraData.data(),
+                                int(video.extraData.size())), 0)
+        << tw::host::LastDecodeError();
+    unsigned char* pImage = nullptr;
+    int imageSize = 0;
+    for (size_t i = 0; i < video.packets.size(); ++i) {
+        EXPECT_EQ(DoFFMpegDecode(attr, video.packets[i].data.data(),
+                                 int(video.packets[i].data.size())), 0)
+            << tw::host::LastDecodeError();
+        if (i == 0) continue;
+        int w = width;
+        int h = height;
+        EXPECT_EQ(DoFFMpegScale(attr, pImage, imageSize, w, h, 0), 0)
+            << tw::host::LastDecodeError();
+        run.pictures.emplace_back(pImage, pImage + imageSize);
+    }
+    run.inRing = tw::host::PicturesInRing(attr);
+    run.replays = tw::host::RingReplays(attr);
+    run.fromDecodeSums = tw::host::ScalesFromDecodeSums(attr);
+    DoFFMpegFree(attr, pImage);
+    return run;
+}
+
+TEST(DecodeSums, ACameraStartedAfterAnotherDecodesNoPictureWhole)
+{
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 1920, 1080, 4, 1);
+    ASSERT_EQ(video.packets.size(), 4u);
+    tw::host::ForgetSharedScaleRequests();
+    // The first camera of the process: its first picture is not scaled, so nothing is
+    // learned before its second, which is decoded whole and read back.
+    const PrimedRun first = DecodeAsTheDetector(video, 120, 67);
+    ASSERT_EQ(first.pictures.size(), 3u);
+    EXPECT_EQ(first.inRing, 2u);
+    EXPECT_EQ(first.fromDecodeSums, 2u);
+    EXPECT_EQ(first.replays, 0u);
+    // The next camera guesses from the first: every picture in the ring, every scale from
+    // the sums, the same bytes.
+    const PrimedRun second = DecodeAsTheDetector(video, 120, 67);
+    EXPECT_EQ(second.pictures, first.pictures);
+    EXPECT_EQ(second.inRing, 4u);
+    EXPECT_EQ(second.fromDecodeSums, 3u);
+    EXPECT_EQ(second.replays, 0u);
+}
+
+TEST(DecodeSums, AWrongGuessIsDecodedAgainWhole)
+{
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 1280, 720, 3, 1);
+    // Sizes whose reductions differ; two that are reduced by the same factors take the same
+    // sums, and a guess of either is right for both.
+    int fxSmall = 0, fySmall = 0, fxOther = 0, fyOther = 0;
+    tw::host::ScaleReduceFactors(1280, 720, AV_PIX_FMT_YUV420P, 320, 180, fxSmall, fySmall);
+    tw::host::ScaleReduceFactors(1280, 720, AV_PIX_FMT_YUV420P, 128, 72, fxOther, fyOther);
+    ASSERT_GT(fxSmall * fySmall, 1);
+    ASSERT_NE(fxSmall * 100 + fySmall, fxOther * 100 + fyOther);
+    ScaleRunOptions small;
+    small.sizes = {{320, 180}};
+    const ScaleRun alone = DecodeAndScale(video, small);
+    ASSERT_TRUE(alone.error.empty()) << alone.error;
+    ScaleRunOptions other;
+    other.sizes = {{128, 72}};
+    ASSERT_TRUE(DecodeAndScale(video, other).error.empty());
+
+    // Guessed for 128 x 72, asked for at 320 x 180: decoded again once; then learned.
+    small.learnedElsewhere = true;
+    const ScaleRun guessed = DecodeAndScale(video, small);
+    ASSERT_TRUE(guessed.error.empty()) << guessed.error;
+    EXPECT_EQ(guessed.pictures, alone.pictures);
+    EXPECT_EQ(guessed.inRing, (std::vector<bool>{true, true, true}));
+    EXPECT_EQ(guessed.fromDecodeSums, (std::vector<bool>{false, true, true}));
+    EXPECT_EQ(guessed.replays, 1u);
+}
+
+TEST(DecodeSums, ADecoderWhoseGuessWasWrongGuessesNoMore)
+{
+    // Scaled with a filter of its own, never reduced: it never learns, and after its first
+    // picture it decodes whole instead of decoding every picture twice.
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 1280, 720, 3, 1);
+    ScaleRunOptions options;
+    options.sizes = {{128, 72}};
+    ASSERT_TRUE(DecodeAndScale(video, options).error.empty());
+    auto filtered = [&](bool ring, uint64_t& inRing, uint64_t& replays) {
+        tw::host::SetRingWhileDecoding(ring);
+        std::vector<std::vector<unsigned char>> pictures;
+        FFmpegAttr attr{};
+        EXPECT_EQ(DoFFMpegInitVideo(attr, VIDEO_CODEC_H264, nullptr, 0), 0);
+        unsigned char* pImage = nullptr;
+        int imageSize = 0;
+        for (const auto& packet : video.packets) {
+            EXPECT_EQ(DoFFMpegDecode(attr, packet.data.data(), int(packet.data.size())), 0);
+            int width = 128;
+            int height = 72;
+            EXPECT_EQ(DoFFMpegScale(attr, pImage, imageSize, width, height, SWS_BILINEAR), 0)
+                << tw::host::LastDecodeError();
+            pictures.emplace_back(pImage, pImage + imageSize);
+        }
+        inRing = tw::host::PicturesInRing(attr);
+        replays = tw::host::RingReplays(attr);
+        DoFFMpegFree(attr, pImage);
+        tw::host::SetRingWhileDecoding(true);
+        return pictures;
+    };
+    uint64_t inRing = 0;
+    uint64_t replays = 0;
+    const auto guessed = filtered(true, inRing, replays);
+    EXPECT_EQ(inRing, 1u);
+    EXPECT_EQ(replays, 1u);
+    uint64_t wholeInRing = 0;
+    uint64_t wholeReplays = 0;
+    EXPECT_EQ(guessed, filtered(false, wholeInRing, wholeReplays));
+    EXPECT_EQ(wholeInRing, 0u);
+}
+
+TEST(DecodeSums, OnlyADetectionDecoderOfTheSameSizeIsGuessedFrom)
+{
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 1280, 720, 2, 1);
+    const TestVideo smaller = BusyClip(VIDEO_CODEC_H264, 640, 368, 2, 1);
+    ScaleRunOptions options;
+    options.sizes = {{128, 72}};
+    ScaleRunOptions next = options;
+    next.learnedElsewhere = true;
+
+    // A decoder with the loop filter on (pictures people look at) shares nothing.
+    ScaleRunOptions exact = options;
+    exact.exactDecode = true;
+    ASSERT_TRUE(DecodeAndScale(video, exact).error.empty());
+    EXPECT_EQ(DecodeAndScale(video, next).inRing, (std::vector<bool>{false, true}))
+        << "a decoder with the loop filter on shared its request";
+
+    // Another size takes nothing from it.
+    ASSERT_TRUE(DecodeAndScale(video, options).error.empty());
+    const ScaleRun other = DecodeAndScale(smaller, next);
+    EXPECT_EQ(other.inRing, (std::vector<bool>{false, true}));
+    EXPECT_EQ(other.fromDecodeSums, (std::vector<bool>{false, true}));
 }
 
 }  // namespace

@@ -67,6 +67,9 @@ void ExpectSamePictures(const ScaleRun& gathered, const ScaleRun& readBack)
 ScaleRun DecodeAndScale(const TestVideo& video, const ScaleRunOptions& options)
 {
     ScaleRun run;
+    if (!options.learnedElsewhere) {
+        tw::host::ForgetSharedScaleRequests();
+    }
     FFmpegAttr attr{};
     if (DoFFMpegInitVideo(attr, video.codec, video.extraData.data(),
                           int(video.extraData.size())) != 0) {

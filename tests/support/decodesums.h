@@ -43,6 +43,10 @@ struct ScaleRunOptions {
     std::vector<size_t> order;
     // Target size per packet; packets past the end take the last one.
     std::vector<std::pair<int, int>> sizes{{120, 67}};
+    // Whether the decoder may start from what the decoders of earlier runs in this process
+    // reduced their pictures by; otherwise that is forgotten first, and the run is a lone
+    // decoder's.
+    bool learnedElsewhere = false;
 };
 
 // Decodes video's packets in order, scaling each picture that comes out.

@@ -40,6 +40,13 @@ void SetSumsWhileDecoding(bool on);
 // the bit. false decodes every picture whole; for tests and benchmarks. Process-wide;
 // default true.
 void SetRingWhileDecoding(bool on);
+// A detection decoder that has reduced no picture yet gathers its pictures' sums (and may
+// decode them into the ring) for what another detection decoder of the process last reduced
+// a picture of the same size and format by: a recorder's cameras are judged alike. A wrong
+// guess costs a replay, and that decoder guesses no more. This forgets what was shared, so
+// that decoders opened next start as the first of the process did; for tests and
+// benchmarks.
+void ForgetSharedScaleRequests();
 // How many of attr's pictures were decoded into the ring, and how many were decoded again
 // whole (or had the decoder's state restored before a packet that could read them): for
 // tests and benchmarks.
