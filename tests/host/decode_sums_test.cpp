@@ -12,6 +12,10 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <string>
 #include <thread>
 #include <vector>
@@ -569,6 +573,63 @@ TEST(DecodeSums, OnlyADetectionDecoderOfTheSameSizeIsGuessedFrom)
     const ScaleRun other = DecodeAndScale(smaller, next);
     EXPECT_EQ(other.inRing, (std::vector<bool>{false, true}));
     EXPECT_EQ(other.fromDecodeSums, (std::vector<bool>{false, true}));
+}
+
+// Lets the process open no more files while it lives: the lowest free descriptor becomes
+// the limit, so that the next open, memfd_create's included, fails.
+class NoMoreFiles {
+public:
+    NoMoreFiles()
+    {
+        m_blHave = getrlimit(RLIMIT_NOFILE, &m_Saved) == 0;
+        const int lowestFree = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        if (!m_blHave || lowestFree < 0) {
+            return;
+        }
+        close(lowestFree);
+        rlimit limited = m_Saved;
+        limited.rlim_cur = rlim_t(lowestFree);
+        m_blSet = setrlimit(RLIMIT_NOFILE, &limited) == 0;
+    }
+    ~NoMoreFiles()
+    {
+        if (m_blSet) {
+            setrlimit(RLIMIT_NOFILE, &m_Saved);
+        }
+    }
+    bool Set() const { return m_blSet; }
+
+private:
+    rlimit m_Saved{};
+    bool m_blHave = false;
+    bool m_blSet = false;
+};
+
+TEST(DecodeSums, PicturesAreDecodedWholeWhenTheRingCannotBeMapped)
+{
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 1280, 720, 3, 1);
+    ASSERT_EQ(video.packets.size(), 3u);
+    ScaleRunOptions options;
+    options.sizes = {{128, 72}};
+    ScaleRun refused;
+    {
+        NoMoreFiles guard;
+        ASSERT_TRUE(guard.Set());
+        const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        if (fd >= 0) close(fd);
+        ASSERT_LT(fd, 0) << "a file could still be opened";
+        refused = DecodeAndScale(video, options);
+    }
+    ASSERT_TRUE(refused.error.empty()) << refused.error;
+    // The ring's file could not be made: the pictures are whole, their sums still taken
+    // while they are decoded.
+    EXPECT_EQ(refused.inRing, (std::vector<bool>{false, false, false}));
+    EXPECT_EQ(refused.fromDecodeSums, (std::vector<bool>{false, true, true}));
+    EXPECT_EQ(refused.replays, 0u);
+    const ScaleRun ring = DecodeAndScale(video, options);
+    EXPECT_EQ(ring.inRing, (std::vector<bool>{false, true, true}));
+    EXPECT_EQ(refused.pictures, ring.pictures);
+    ExpectSamePictures(refused, ScaleWith(video, options, false));
 }
 
 }  // namespace
