@@ -2,10 +2,15 @@
 #include <gtest/gtest.h>
 
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <fstream>
+#include <future>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -101,6 +106,53 @@ TEST_F(ManualTime, NewWatchReplacesTheOldAndAnEmptyOneClearsIt) {
     m_Clock->WatchUs(0, nullptr);
     m_Clock->SetNowUs(3000000);
     EXPECT_EQ(first, 0);
+}
+
+// The scheduler's state of one of this process's threads ('R' running, 'S' asleep, ...),
+// or 0 once the thread is gone.
+char ThreadState(long tid) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string line;
+    if (!std::getline(stat, line)) return 0;
+    // "tid (name) S ...": the name may hold spaces and parentheses, the state follows the
+    // last ')'.
+    const size_t close = line.rfind(')');
+    return close != std::string::npos && close + 2 < line.size() ? line[close + 2] : 0;
+}
+
+// Whoever replaces a watch may free what its callback uses as soon as WatchUs returns, so
+// WatchUs waits for a callback that is running on another thread.
+TEST_F(ManualTime, ReplacingAWatchWaitsForItsRunningCallback) {
+    std::promise<void> entered;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<bool> finished{false};
+    m_Clock->WatchUs(1200000, [&] {
+        entered.set_value();
+        released.wait();
+        finished = true;
+    });
+    std::thread mover([&] { m_Clock->SetNowUs(1300000); });
+    entered.get_future().wait();
+
+    std::atomic<long> replacerTid{0};
+    bool finishedWhenReplaced = false;
+    std::thread replacer([&] {
+        replacerTid = syscall(SYS_gettid);
+        m_Clock->WatchUs(2000000, [] {});
+        finishedWhenReplaced = finished;
+    });
+    // The replacer is let run until it blocks (in WatchUs, the only place it can) or ends.
+    while (replacerTid == 0) std::this_thread::yield();
+    for (char state = ThreadState(replacerTid); state != 'S' && state != 0;
+         state = ThreadState(replacerTid)) {
+        std::this_thread::yield();
+    }
+    release.set_value();
+    replacer.join();
+    mover.join();
+    EXPECT_TRUE(finished);
+    EXPECT_TRUE(finishedWhenReplaced) << "WatchUs returned while the old callback still ran";
 }
 
 // An offline run's main thread watches the advance limit: a sleeper held there by it fires
