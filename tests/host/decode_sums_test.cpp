@@ -12,7 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -575,33 +576,38 @@ TEST(DecodeSums, OnlyADetectionDecoderOfTheSameSizeIsGuessedFrom)
     EXPECT_EQ(other.fromDecodeSums, (std::vector<bool>{false, true}));
 }
 
-// Lets the process open no more files while it lives: the lowest free descriptor becomes
-// the limit, so that the next open, memfd_create's included, fails.
-class NoMoreFiles {
+// Lets the process make no file larger than a page while it lives: the ring's file cannot
+// be sized then. (Taking the process's last free descriptors instead would also take those
+// the sanitizers' own checks open.) A write past the limit fails with EFBIG instead of
+// raising SIGXFSZ, which would end the process.
+class SmallFilesOnly {
 public:
-    NoMoreFiles()
+    static constexpr rlim_t kLimit = 4096;
+
+    SmallFilesOnly()
     {
-        m_blHave = getrlimit(RLIMIT_NOFILE, &m_Saved) == 0;
-        const int lowestFree = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        if (!m_blHave || lowestFree < 0) {
+        if (getrlimit(RLIMIT_FSIZE, &m_Saved) != 0) {
             return;
         }
-        close(lowestFree);
+        m_OldHandler = signal(SIGXFSZ, SIG_IGN);
         rlimit limited = m_Saved;
-        limited.rlim_cur = rlim_t(lowestFree);
-        m_blSet = setrlimit(RLIMIT_NOFILE, &limited) == 0;
+        limited.rlim_cur = kLimit;
+        m_blSet = setrlimit(RLIMIT_FSIZE, &limited) == 0;
     }
-    ~NoMoreFiles()
+    ~SmallFilesOnly()
     {
         if (m_blSet) {
-            setrlimit(RLIMIT_NOFILE, &m_Saved);
+            setrlimit(RLIMIT_FSIZE, &m_Saved);
+        }
+        if (m_OldHandler != SIG_ERR) {
+            signal(SIGXFSZ, m_OldHandler);
         }
     }
     bool Set() const { return m_blSet; }
 
 private:
     rlimit m_Saved{};
-    bool m_blHave = false;
+    sighandler_t m_OldHandler = SIG_ERR;
     bool m_blSet = false;
 };
 
@@ -613,11 +619,13 @@ TEST(DecodeSums, PicturesAreDecodedWholeWhenTheRingCannotBeMapped)
     options.sizes = {{128, 72}};
     ScaleRun refused;
     {
-        NoMoreFiles guard;
+        SmallFilesOnly guard;
         ASSERT_TRUE(guard.Set());
-        const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        if (fd >= 0) close(fd);
-        ASSERT_LT(fd, 0) << "a file could still be opened";
+        const int fd = memfd_create("tw-test-limit", MFD_CLOEXEC);
+        ASSERT_GE(fd, 0);
+        const int sized = ftruncate(fd, off_t(2 * SmallFilesOnly::kLimit));
+        close(fd);
+        ASSERT_NE(sized, 0) << "a file could still be made larger than the limit";
         refused = DecodeAndScale(video, options);
     }
     ASSERT_TRUE(refused.error.empty()) << refused.error;
