@@ -52,8 +52,13 @@ void ExpectSameBytesWithSlices(const std::string& x264Params)
     EXPECT_LE(std::count(gathered.inRing.begin(), gathered.inRing.end(), true),
               7 - 6 * static_cast<std::ptrdiff_t>(gathered.replays));
 
+#if !defined(__SANITIZE_THREAD__)
     // A decoder that guesses from the one before may put its first picture into the ring
-    // as well; the same holds for it.
+    // as well; the same holds for it. Not under ThreadSanitizer: that picture is decoded
+    // again right after the first decode of the stream, and the flush before it frees what
+    // libavcodec's slice threads allocated during that decode. libavcodec hands the slices'
+    // end back through atomics the sanitizer cannot see (the library is not instrumented),
+    // and when the calling thread finishes last, the free is reported as a race.
     options.sumsWhileDecoding = true;
     options.learnedElsewhere = true;
     const ScaleRun guessed = DecodeAndScale(video, options);
@@ -62,6 +67,7 @@ void ExpectSameBytesWithSlices(const std::string& x264Params)
     EXPECT_LE(guessed.replays, 1u);
     EXPECT_LE(std::count(guessed.inRing.begin(), guessed.inRing.end(), true),
               8 - 7 * static_cast<std::ptrdiff_t>(guessed.replays));
+#endif
 }
 
 TEST(DecodeSumsSlices, SlicesOfWholeRowsGiveTheSameBytes)
