@@ -67,8 +67,7 @@ void ShareRequest(const ScaleRequest& request)
     std::lock_guard<std::mutex> lock(g_SharedMutex);
     int at = 0;
     while (at < g_SharedCount &&
-           !(g_Shared[at].width == request.width && g_Shared[at].height == request.height &&
-             g_Shared[at].format == request.format)) {
+           !g_Shared[at].ForPicture(request.width, request.height, request.format)) {
         ++at;
     }
     if (at == g_SharedCount) {
@@ -85,8 +84,7 @@ bool FindSharedRequest(int width, int height, int format, ScaleRequest& request)
 {
     std::lock_guard<std::mutex> lock(g_SharedMutex);
     for (int i = 0; i < g_SharedCount; ++i) {
-        if (g_Shared[i].width == width && g_Shared[i].height == height &&
-            g_Shared[i].format == format) {
+        if (g_Shared[i].ForPicture(width, height, format)) {
             request = g_Shared[i];
             return true;
         }

@@ -76,10 +76,14 @@ struct ScaleRequest {
     int fx = 1;
     int fy = 1;
 
+    // Whether this request is for pictures of that size and format, whatever it reduces
+    // them by.
+    bool ForPicture(int w, int h, int f) const { return width == w && height == h && format == f; }
+
     bool operator==(const ScaleRequest& o) const
     {
-        return width == o.width && height == o.height && format == o.format &&
-               SameLayout(layout, o.layout) && fx == o.fx && fy == o.fy;
+        return ForPicture(o.width, o.height, o.format) && SameLayout(layout, o.layout) &&
+               fx == o.fx && fy == o.fy;
     }
 };
 

@@ -428,6 +428,28 @@ TEST(DecodeSums, ADecoderThatHasNotLearnedTakesTheRequestOfAnotherDetectionDecod
     ExpectSamePictures(second, ScaleWith(video, options, false));
 }
 
+TEST(DecodeSums, AGuessedFirstPictureHeldBackForReorderingGivesTheSameBytes)
+{
+    // With B-frames the decoder gives a picture up only when drained, after its rows were
+    // reported: a guessed first picture must come out of the ring as a learned one does.
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 640, 368, 16, 4, 2);
+    const ScaleRunOptions options;
+    const ScaleRun first = DecodeAndScale(video, options);
+    ASSERT_TRUE(first.error.empty()) << first.error;
+    ASSERT_EQ(first.pictures.size(), 4u);
+    EXPECT_EQ(first.inRing, (std::vector<bool>{false, true, true, true}));
+
+    ScaleRunOptions next = options;
+    next.learnedElsewhere = true;
+    const ScaleRun second = DecodeAndScale(video, next);
+    ASSERT_TRUE(second.error.empty()) << second.error;
+    EXPECT_EQ(second.pictures, first.pictures);
+    EXPECT_EQ(second.fromDecodeSums, (std::vector<bool>{true, true, true, true}));
+    EXPECT_EQ(second.inRing, (std::vector<bool>{true, true, true, true}));
+    EXPECT_EQ(second.replays, 0u);
+    ExpectSamePictures(second, ScaleWith(video, options, false));
+}
+
 // Decodes every key frame of video as the motion detector does: the first only tells the
 // picture's size and is not scaled; each later one is scaled to width x height.
 struct PrimedRun {
