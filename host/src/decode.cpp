@@ -761,7 +761,9 @@ int ScalePicture(FFmpegAttr& attr, unsigned char*& out, int& outSize, int width,
         int got = 0;
         {
             DecodeSlot slot;
-            got = ReplayWhole(attr, "DoFFMpegScale");
+            // Named so: the packet was decoded once already, and what fails here is more
+            // likely the memory for a whole picture than the packet itself.
+            got = ReplayWhole(attr, "DoFFMpegScale, decoding the picture again whole");
         }
         pBands->Replayed(sameRequest, got > 0 ? attr.pFrame : nullptr);
         if (got <= 0) {

@@ -17,6 +17,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <climits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,6 +26,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/frame.h>
 #include <libavutil/log.h>
+#include <libavutil/mem.h>
 #include <libavutil/pixfmt.h>
 #include <libswscale/swscale.h>
 }
@@ -367,6 +369,84 @@ TEST(DecodeSums, APictureInTheRingAskedForAnotherWayIsDecodedAgainWhole)
     EXPECT_EQ(ring.full, whole.full);
     EXPECT_EQ(ring.reducedAgain, whole.reducedAgain);
     EXPECT_EQ(ring.reducedAgain, ring.reduced);
+}
+
+// Scales the pictures of key frames 0 and 1 of video to 128 x 72 and to 64 x 36 on a
+// decoder that reads every picture back: what a replay must give.
+std::vector<std::vector<unsigned char>> ReadBackPictures(const TestVideo& video)
+{
+    std::vector<std::vector<unsigned char>> pictures;
+    tw::host::SetSumsWhileDecoding(false);
+    FFmpegAttr attr{};
+    EXPECT_EQ(DoFFMpegInitVideo(attr, VIDEO_CODEC_H264, nullptr, 0), 0)
+        << tw::host::LastDecodeError();
+    unsigned char* pImage = nullptr;
+    int imageSize = 0;
+    for (size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(DoFFMpegDecode(attr, video.packets[i].data.data(),
+                                 int(video.packets[i].data.size())), 0)
+            << tw::host::LastDecodeError();
+        for (const auto& size : {std::make_pair(128, 72), std::make_pair(64, 36)}) {
+            int width = size.first;
+            int height = size.second;
+            EXPECT_EQ(DoFFMpegScale(attr, pImage, imageSize, width, height, 0), 0)
+                << tw::host::LastDecodeError();
+            pictures.emplace_back(pImage, pImage + imageSize);
+        }
+    }
+    DoFFMpegFree(attr, pImage);
+    tw::host::SetSumsWhileDecoding(true);
+    return pictures;
+}
+
+TEST(DecodeSums, AReplayThatFailsIsReportedAndTheNextPictureIsRight)
+{
+    const TestVideo video = BusyClip(VIDEO_CODEC_H264, 1280, 720, 3, 1);
+    ASSERT_EQ(video.packets.size(), 3u);
+    const std::vector<std::vector<unsigned char>> expected = ReadBackPictures(video);
+    ASSERT_EQ(expected.size(), 4u);
+
+    // Another camera has learned 128 x 72, so this decoder's first picture goes into the
+    // ring and it has never had a whole picture: a replay must allocate one.
+    ScaleRunOptions teacher;
+    teacher.sizes = {{128, 72}};
+    ASSERT_TRUE(DecodeAndScale(video, teacher).error.empty());
+    FFmpegAttr attr{};
+    ASSERT_EQ(DoFFMpegInitVideo(attr, VIDEO_CODEC_H264, nullptr, 0), 0)
+        << tw::host::LastDecodeError();
+    unsigned char* pImage = nullptr;
+    int imageSize = 0;
+    auto scale = [&](int width, int height) {
+        const int ret = DoFFMpegScale(attr, pImage, imageSize, width, height, 0);
+        return ret == 0 ? std::vector<unsigned char>(pImage, pImage + imageSize)
+                        : std::vector<unsigned char>{};
+    };
+    ASSERT_EQ(DoFFMpegDecode(attr, video.packets[0].data.data(),
+                             int(video.packets[0].data.size())), 0)
+        << tw::host::LastDecodeError();
+    EXPECT_EQ(tw::host::PicturesInRing(attr), 1u);
+
+    // No allocation of more than a few KiB succeeds while the picture is asked for with
+    // another filter, so the decode again whole fails.
+    av_max_alloc(16 * 1024);
+    int width = 128;
+    int height = 72;
+    const int failed = DoFFMpegScale(attr, pImage, imageSize, width, height, SWS_BILINEAR);
+    av_max_alloc(INT_MAX);
+    EXPECT_EQ(failed, -1);
+    EXPECT_NE(std::string(tw::host::LastDecodeError())
+                  .find("DoFFMpegScale, decoding the picture again whole: h264 "),
+              std::string::npos)
+        << tw::host::LastDecodeError();
+    EXPECT_EQ(tw::host::RingReplays(attr), 1u);
+
+    // The decoder goes on with the next key frame, and both of its sizes are right.
+    ASSERT_EQ(DoFFMpegDecode(attr, video.packets[1].data.data(),
+                             int(video.packets[1].data.size())), 0)
+        << tw::host::LastDecodeError();
+    EXPECT_EQ(scale(128, 72), expected[2]) << tw::host::LastDecodeError();
+    EXPECT_EQ(scale(64, 36), expected[3]) << tw::host::LastDecodeError();
+    DoFFMpegFree(attr, pImage);
 }
 
 TEST(DecodeSums, ARingPictureOutlivesItsDecoder)
